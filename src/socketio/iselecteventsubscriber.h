@@ -1,0 +1,35 @@
+// socketio::ISelectEventSubscriber: the contract between a socket-owning transport object
+// (channel or channel server) and the select reactor. Internal: a host never sees it.
+// Every operation runs on the reactor thread.
+#pragma once
+
+#include <cstdint>
+
+#include "corvane/eventmask.h"
+#include "corvane/refcnt.h"
+
+namespace socketio {
+
+class SelectReactor;
+
+class ISelectEventSubscriber : public virtual Common::IRefCnt {
+public:
+    // The events wanted for the coming wait; runs with the reactor's lock held.
+    virtual short getEventMask() noexcept = 0;
+    // `events` as observed; `now` is the tick of this dispatch. False tells the reactor to
+    // close the socket and drop the subscriber.
+    virtual bool onEvents(const short & events, const std::uint64_t & now) noexcept = 0;
+    // The reactor stores the invalid handle through this reference when it closes the socket.
+    virtual unsigned int & getSocket() = 0;
+    virtual SelectReactor * getReactor() const = 0;
+    // Added (reactor set, now the tick) or removed (null, 0). The subscriber keeps a
+    // counted reference to the reactor and takes `now` as its last event time.
+    virtual void setReactor(SelectReactor * reactor, const std::uint64_t & now) = 0;
+    // The tick of the latest onEvents or setReactor; 0 exempts it from the dead-socket sweep.
+    virtual std::uint64_t getLastEventTime() const = 0;
+};
+
+// The invalid socket handle: all bits set.
+constexpr unsigned int INVALID_SOCKET_HANDLE = ~0u;
+
+}  // namespace socketio

@@ -1,0 +1,91 @@
+// corvane: the command-line host of the corvane module.
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "host.h"
+
+namespace {
+
+const char * const kUsage =
+    "usage: corvane [--module PATH] [--log-level LEVEL] [--log-config FILE] COMMAND [ARGS]\n"
+    "\n"
+    "commands:\n"
+    "  info        load the module and list the transports it serves\n"
+    "\n"
+    "options:\n"
+    "  --module PATH       the module to load (default: $CORVANE_MODULE, else the built one)\n"
+    "  --log-level LEVEL   TRACE, DEBUG, INFO, WARN (default), ERROR, FATAL or OFF; logs go to stderr\n"
+    "  --log-config FILE   a log4cxx properties file instead of --log-level\n"
+    "  --help              this text; 'corvane COMMAND --help' tells about one command\n";
+
+int commandInfo(net::IModule * module, const std::string & modulePath, const std::vector<std::string> & args) {
+    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
+        std::cout << "usage: corvane info\n\nLoads the module and lists the URI schemes it serves.\n";
+        return 0;
+    }
+    if (!args.empty()) {
+        throw cli::UsageError("info takes no arguments");
+    }
+    Common::SmartPtr<net::IChannelFactory> factory(module->createChannelFactory(net::SocketOptions()));
+    std::cout << "module: " << modulePath << "\n";
+    std::cout << "transports:";
+    int served = 0;
+    for (const char * scheme : {"tcp", "http", "https", "ssl", "ws", "wss"}) {
+        if (factory->getTransportProtocol(scheme) != nullptr) {
+            std::cout << " " << scheme;
+            ++served;
+        }
+    }
+    std::cout << (served == 0 ? " (none yet)" : "") << "\n";
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char ** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    std::string modulePath = cli::defaultModulePath();
+    std::string logLevel = "WARN";
+    std::string logConfig;
+    try {
+        size_t i = 0;
+        for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
+            const std::string & option = args[i];
+            if (option == "--help") {
+                std::cout << kUsage;
+                return 0;
+            }
+            if (i + 1 >= args.size()) {
+                throw cli::UsageError(option + " needs a value");
+            }
+            if (option == "--module") {
+                modulePath = args[++i];
+            } else if (option == "--log-level") {
+                logLevel = args[++i];
+            } else if (option == "--log-config") {
+                logConfig = args[++i];
+            } else {
+                throw cli::UsageError("unknown option " + option);
+            }
+        }
+        if (i >= args.size()) {
+            throw cli::UsageError("no command given");
+        }
+        std::string command = args[i];
+        std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+        cli::configureLogging(logLevel, logConfig);
+        if (command == "info") {
+            return commandInfo(cli::loadModule(modulePath), modulePath, rest);
+        }
+        throw cli::UsageError("unknown command '" + command + "'");
+    } catch (const cli::UsageError & e) {
+        std::cerr << "corvane: " << e.what() << "\n(try 'corvane --help')\n";
+        return 2;
+    } catch (const std::exception & e) {
+        std::cerr << "corvane: " << e.what() << "\n";
+        return 1;
+    }
+}
