@@ -9,6 +9,7 @@
 #include "framework/channelfactory.h"
 #include "framework/optionmap.h"
 #include "net/internalexception.h"
+#include "socketio/selectreactor.h"
 
 namespace net {
 
@@ -25,9 +26,8 @@ IChannelFactory * ModuleImpl::createChannelFactory(SocketOptions options) {
     return new ChannelFactory(options);
 }
 
-IReactor * ModuleImpl::createReactor(int /*deadSocketCheckInterval*/, int /*deadSocketTimeout*/,
-                                     int /*selectTimeout*/) {
-    throw InternalException("createReactor: this build has no reactor", true);
+IReactor * ModuleImpl::createReactor(int deadSocketCheckInterval, int deadSocketTimeout, int selectTimeout) {
+    return new socketio::SelectReactor(deadSocketCheckInterval, deadSocketTimeout, selectTimeout);
 }
 
 ITunnelStore * ModuleImpl::createTunnelStore(IReactor * reactor, IChannelFactory * factory,

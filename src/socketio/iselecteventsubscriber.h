@@ -17,8 +17,10 @@ public:
     // The events wanted for the coming wait; runs with the reactor's lock held.
     virtual short getEventMask() noexcept = 0;
     // `events` as observed; `now` is the tick of this dispatch. False tells the reactor to
-    // close the socket and drop the subscriber.
-    virtual bool onEvents(const short & events, const std::uint64_t & now) noexcept = 0;
+    // close the socket and drop the subscriber. The library's subscribers declare their
+    // overrides noexcept; the interface leaves it open so that the reactor's guard against a
+    // subscriber that throws anyway (it logs, closes and drops that one) stays reachable.
+    virtual bool onEvents(const short & events, const std::uint64_t & now) = 0;
     // The reactor stores the invalid handle through this reference when it closes the socket.
     virtual unsigned int & getSocket() = 0;
     virtual SelectReactor * getReactor() const = 0;

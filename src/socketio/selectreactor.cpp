@@ -1,0 +1,385 @@
+#include "socketio/selectreactor.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <exception>
+#include <iterator>
+
+#include "common/logging.h"
+#include "common/timedelta.h"
+#include "socketio/internalexception.h"
+#include "socketio/socketfunctions.h"
+
+namespace socketio {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.socketio.SelectReactor");
+
+// Readiness that the read path must see: POLLHUP, POLLERR and POLLNVAL make a socket
+// readable, so that the channel's recv finds the end or the error.
+constexpr short kReadable = POLLIN | POLLHUP | POLLERR | POLLNVAL;
+constexpr short kWritable = POLLOUT | POLLHUP | POLLERR;
+}  // namespace
+
+SelectReactor::SelectReactor(int deadSocketCheckInterval, int deadSocketTimeout, int selectTimeout)
+    : m_deadSocketTimeout(deadSocketTimeout),
+      m_deadSocketCheckInterval(deadSocketCheckInterval),
+      m_selectTimeout(selectTimeout),
+      m_conditionStarted(&m_lock),
+      m_conditionCommand(&m_lock),
+      m_conditionDone(&m_lock),
+      m_bRunning(false),
+      m_hThread(nullptr),
+      m_threadId(0),
+      m_bLockHeldByThread(false) {
+    LOG4CXX_TRACE(logger, "ctor");
+}
+
+SelectReactor::~SelectReactor() {
+    LOG4CXX_TRACE(logger, "dtor");
+    if (m_hThread != nullptr && !onReactorThread()) {
+        stopProcessing();
+    }
+}
+
+bool SelectReactor::onReactorThread() const {
+    return Common::PlatformThread::CurrentId() == m_threadId.load();
+}
+
+void SelectReactor::startProcessing() {
+    LOG4CXX_TRACE(logger, "startProcessing()");
+    Common::ScopedLock guard(&m_lock);
+    m_bRunning = true;
+    m_threadId = 0;
+    Common::PlatformThread::Create(0, this, &m_hThread);
+    while (m_threadId.load() == 0) {
+        m_conditionStarted.Wait();
+    }
+}
+
+void SelectReactor::stopProcessing() {
+    LOG4CXX_TRACE(logger, "stopProcessing()");
+    {
+        Common::ScopedLock guard(&m_lock);
+        m_bRunning = false;
+        m_conditionCommand.Signal();
+        m_conditionDone.Broadcast();
+    }
+    if (m_hThread != nullptr) {
+        Common::PlatformThread::Join(m_hThread);
+    }
+    SubscriberList subscribers;
+    SubscriberList failed;
+    std::vector<Command> commands;
+    {
+        Common::ScopedLock guard(&m_lock);
+        m_hThread = nullptr;
+        m_threadId = 0;
+        commands.swap(m_vectorCommand);
+        failed.swap(m_vectorFailedSubscriber);
+        subscribers.swap(m_vectorSelectEventSubscriber);
+    }
+    // Released outside the lock, in the same order, so that a destructor that reaches for
+    // the reactor cannot deadlock.
+    commands.clear();
+    failed.clear();
+    subscribers.clear();
+}
+
+void SelectReactor::registerSubscriber(ISelectEventSubscriber * subscriber) {
+    LOG4CXX_TRACE(logger, "registerSubscriber");
+    if (onReactorThread()) {
+        if (m_bLockHeldByThread) {
+            addSubscriber(subscriber, true);
+        } else {
+            Common::ScopedLock guard(&m_lock);
+            addSubscriber(subscriber, true);
+        }
+        return;
+    }
+    Common::ScopedLock guard(&m_lock);
+    m_vectorCommand.push_back(Command{true, subscriber});
+    m_conditionCommand.Signal();
+    bool found = hasSubscriber(subscriber);
+    bool failed = hasFailedSubscriber(subscriber);
+    while (!found) {
+        if (failed) {
+            throw InternalException("too many open sockets", true);
+        }
+        if (!m_bRunning) {
+            withdrawCommand_i(subscriber);
+            throw InternalException("select reactor is no longer operational", true);
+        }
+        m_conditionDone.Wait();
+        found = hasSubscriber(subscriber);
+        failed = hasFailedSubscriber(subscriber);
+    }
+    if (failed) {
+        throw InternalException("too many open sockets", true);
+    }
+    if (!m_bRunning) {
+        withdrawCommand_i(subscriber);
+        throw InternalException("select reactor is no longer operational", true);
+    }
+}
+
+void SelectReactor::withdrawCommand_i(ISelectEventSubscriber * subscriber) {
+    // The poster is told that the registration failed, so a later start must not carry it
+    // out behind its back.
+    for (auto it = m_vectorCommand.rbegin(); it != m_vectorCommand.rend(); ++it) {
+        if (it->add && it->subscriber.get() == subscriber) {
+            m_vectorCommand.erase(std::next(it).base());
+            return;
+        }
+    }
+}
+
+void SelectReactor::unregisterSubscriber(ISelectEventSubscriber * subscriber) {
+    LOG4CXX_TRACE(logger, "unregisterSubscriber");
+    // Keeps the subscriber alive until this call returns, whoever drops the list's reference.
+    Common::SmartPtr<ISelectEventSubscriber> keep(subscriber);
+    if (onReactorThread()) {
+        if (m_bLockHeldByThread) {
+            removeSubscriber(subscriber);
+        } else {
+            Common::ScopedLock guard(&m_lock);
+            removeSubscriber(subscriber);
+        }
+        return;
+    }
+    Common::ScopedLock guard(&m_lock);
+    m_vectorCommand.push_back(Command{false, subscriber});
+    m_conditionCommand.Signal();
+    while (hasSubscriber(subscriber) && m_bRunning) {
+        m_conditionDone.Wait();
+    }
+}
+
+bool SelectReactor::hasSubscriber(ISelectEventSubscriber * subscriber) const {
+    LOG4CXX_TRACE(logger, "hasSubscriber");
+    for (const auto & entry : m_vectorSelectEventSubscriber) {
+        if (entry.get() == subscriber) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool SelectReactor::hasFailedSubscriber(ISelectEventSubscriber * subscriber) {
+    LOG4CXX_TRACE(logger, "hasSubscriber");
+    for (auto it = m_vectorFailedSubscriber.begin(); it != m_vectorFailedSubscriber.end(); ++it) {
+        if (it->get() == subscriber) {
+            m_vectorFailedSubscriber.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread) {
+    LOG4CXX_TRACE(logger, "addSubscriber");
+    if (m_vectorSelectEventSubscriber.size() + 1 < kSetCapacity) {
+        subscriber->setReactor(this, Common::GetTickCount64());
+        m_vectorSelectEventSubscriber.emplace_back(subscriber);
+    } else if (fromReactorThread) {
+        throw InternalException("too many open sockets", true);
+    } else {
+        m_vectorFailedSubscriber.emplace_back(subscriber);
+    }
+}
+
+void SelectReactor::removeSubscriber(ISelectEventSubscriber * subscriber) {
+    LOG4CXX_TRACE(logger, "removeSubscriber");
+    subscriber->setReactor(nullptr, 0);
+    for (auto it = m_vectorSelectEventSubscriber.begin(); it != m_vectorSelectEventSubscriber.end(); ++it) {
+        if (it->get() == subscriber) {
+            m_vectorSelectEventSubscriber.erase(it);
+            break;
+        }
+    }
+}
+
+void SelectReactor::processCommands_i() {
+    if (m_vectorCommand.empty()) {
+        return;
+    }
+    LOG4CXX_TRACE(logger, "processCommands");
+    for (const auto & command : m_vectorCommand) {
+        if (command.add) {
+            addSubscriber(command.subscriber.get(), false);
+        } else {
+            removeSubscriber(command.subscriber.get());
+        }
+    }
+    m_vectorCommand.clear();
+    m_conditionDone.Broadcast();
+}
+
+void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
+    LOG4CXX_TRACE(logger, "clearDeadSockets");
+    SubscriberList copy = m_vectorSelectEventSubscriber;
+    const auto timeout = static_cast<std::uint64_t>(static_cast<std::int64_t>(m_deadSocketTimeout));
+    for (const auto & subscriber : copy) {
+        std::uint64_t last = subscriber->getLastEventTime();
+        if (last == 0 || now - last <= timeout) {
+            continue;
+        }
+        unsigned int & socket = subscriber->getSocket();
+        LOG4CXX_WARN(logger, "clearDeadSockets: subscriber to peer '" << SocketPeerAddress(socket)
+                                                                      << "' timed out and is being terminated");
+        if (socket != INVALID_SOCKET_HANDLE) {
+            SocketClose(socket);
+            socket = INVALID_SOCKET_HANDLE;
+        }
+        removeSubscriber(subscriber.get());
+        // The read path finds the closed socket and tells its handler that the connection is gone.
+        subscriber->onEvents(SELECT_EVENT_READ, now);
+    }
+}
+
+void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
+                                   const std::vector<short> & wanted, const std::vector<bool> & pendingFlags) {
+    const std::uint64_t now = Common::GetTickCount64();
+    for (std::size_t i = 0; i < copy.size(); ++i) {
+        const Common::SmartPtr<ISelectEventSubscriber> & subscriber = copy[i];
+        unsigned int socket = subscriber->getSocket();
+        short events = 0;
+        // A socket closed earlier in this dispatch is in no set any more.
+        if (socket != INVALID_SOCKET_HANDLE && static_cast<int>(socket) == sets[i].fd) {
+            short seen = sets[i].revents;
+            if ((wanted[i] & SELECT_EVENT_READ) != 0 && (seen & kReadable) != 0) {
+                events |= SELECT_EVENT_READ;
+            }
+            if ((wanted[i] & SELECT_EVENT_WRITE) != 0 && (seen & kWritable) != 0) {
+                events |= SELECT_EVENT_WRITE;
+            }
+            if ((wanted[i] & SELECT_EVENT_EXCEPT) != 0 && (seen & POLLPRI) != 0) {
+                events |= SELECT_EVENT_EXCEPT;
+            }
+        }
+        if (pendingFlags[i]) {
+            events |= SELECT_EVENT_PENDING;
+        }
+        if (events == 0) {
+            continue;
+        }
+        bool ok = false;
+        try {
+            ok = subscriber->onEvents(events, now);
+        } catch (const std::exception & e) {
+            LOG4CXX_ERROR(logger, "exception caught while dispatching socket event: " << e.what());
+        } catch (...) {
+            LOG4CXX_ERROR(logger, "unknown exception caught while dispatching socket event");
+        }
+        if (!ok) {
+            Common::ScopedLock guard(&m_lock);
+            m_bLockHeldByThread = true;
+            unsigned int & own = subscriber->getSocket();
+            if (own != INVALID_SOCKET_HANDLE) {
+                SocketClose(own);
+                own = INVALID_SOCKET_HANDLE;
+            }
+            removeSubscriber(subscriber.get());
+            m_conditionDone.Broadcast();
+            m_bLockHeldByThread = false;
+        }
+    }
+}
+
+void SelectReactor::ThreadMain() {
+    Common::PlatformThread::SetName("net.SelectReactor");
+    const Common::TimeDelta timeout(static_cast<std::int64_t>(m_selectTimeout) * 1000);
+    const int waitMilliseconds = static_cast<int>(timeout.InMillisecondsRoundedUp());
+    const int sweepPeriod = m_selectTimeout <= 0 ? 1 : m_deadSocketCheckInterval / m_selectTimeout;
+    std::int32_t loopCount = 0;
+
+    std::vector<pollfd> sets;
+    std::vector<short> wanted;
+    std::vector<bool> pendingFlags;
+
+    Common::ScopedLock guard(&m_lock);
+    m_bLockHeldByThread = true;
+    m_threadId = Common::PlatformThread::CurrentId();
+    m_conditionStarted.Signal();
+    while (m_bRunning) {
+        processCommands_i();
+        if (sweepPeriod > 0 && loopCount % sweepPeriod == 0) {
+            clearDeadSockets_i(Common::GetTickCount64());
+        }
+        if (m_vectorSelectEventSubscriber.empty()) {
+            m_conditionCommand.Wait();
+            continue;
+        }
+
+        // One poll entry per subscriber, in list order; each "set" keeps its count limit.
+        const std::size_t subscriberCount = m_vectorSelectEventSubscriber.size();
+        sets.assign(subscriberCount, pollfd{-1, 0, 0});
+        wanted.assign(subscriberCount, 0);
+        pendingFlags.assign(subscriberCount, false);
+        std::size_t inRead = 0;
+        std::size_t inWrite = 0;
+        std::size_t inExcept = 0;
+        bool anyPending = false;
+        for (std::size_t i = 0; i < subscriberCount; ++i) {
+            Common::SmartPtr<ISelectEventSubscriber> subscriber = m_vectorSelectEventSubscriber[i];
+            short mask = subscriber->getEventMask();
+            unsigned int socket = subscriber->getSocket();
+            sets[i].fd = socket == INVALID_SOCKET_HANDLE ? -1 : static_cast<int>(socket);
+            if ((mask & SELECT_EVENT_READ) != 0 && inRead < kSetCapacity) {
+                sets[i].events |= POLLIN;
+                wanted[i] |= SELECT_EVENT_READ;
+                ++inRead;
+            }
+            if ((mask & SELECT_EVENT_WRITE) != 0 && inWrite < kSetCapacity) {
+                sets[i].events |= POLLOUT;
+                wanted[i] |= SELECT_EVENT_WRITE;
+                ++inWrite;
+            }
+            if ((mask & SELECT_EVENT_EXCEPT) != 0 && inExcept < kSetCapacity) {
+                sets[i].events |= POLLPRI;
+                wanted[i] |= SELECT_EVENT_EXCEPT;
+                ++inExcept;
+            }
+            if (wanted[i] == 0) {
+                // Not in any set: poll must not report its hang-up either.
+                sets[i].fd = -1;
+            }
+            if ((mask & SELECT_EVENT_PENDING) != 0) {
+                pendingFlags[i] = true;
+                anyPending = true;
+            }
+        }
+
+        int result;
+        {
+            m_bLockHeldByThread = false;
+            Common::ScopedUnlock unlocked(&m_lock);
+            result = poll(sets.data(), static_cast<nfds_t>(sets.size()), waitMilliseconds);
+        }
+        m_bLockHeldByThread = true;
+
+        if (result < 0 && errno != EINTR) {
+            LOG4CXX_FATAL(logger, "select returned < 0");
+            m_vectorSelectEventSubscriber.clear();
+        } else if (result > 0 || anyPending) {
+            if (result < 0) {
+                for (auto & entry : sets) {
+                    entry.revents = 0;
+                }
+            }
+            SubscriberList copy = m_vectorSelectEventSubscriber;
+            {
+                m_bLockHeldByThread = false;
+                Common::ScopedUnlock unlocked(&m_lock);
+                dispatchEvents(copy, sets, wanted, pendingFlags);
+            }
+            m_bLockHeldByThread = true;
+        }
+        // Wraps to negative numbers after 2^31 cycles; the remainder test stays valid.
+        loopCount = static_cast<std::int32_t>(static_cast<std::uint32_t>(loopCount) + 1u);
+    }
+    m_bLockHeldByThread = false;
+}
+
+}  // namespace socketio

@@ -1,0 +1,230 @@
+#include "socketio/socketfunctions.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "socketio/internalexception.h"
+#include "socketio/iselecteventsubscriber.h"
+#include "socketio/socketexception.h"
+
+namespace socketio {
+
+namespace {
+
+void setOption(unsigned int socket, int level, int name, const void * value, socklen_t length, const char * context) {
+    if (setsockopt(static_cast<int>(socket), level, name, value, length) != 0) {
+        throw SocketException(context);
+    }
+}
+
+void setInt(unsigned int socket, int level, int name, int value, const char * context) {
+    setOption(socket, level, name, &value, sizeof value, context);
+}
+
+int socketFamily(unsigned int socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        return AF_UNSPEC;
+    }
+    return address.ss_family;
+}
+
+// A blocking connect that a signal interrupts goes on in the background: wait for its end.
+bool connectBlocking(int fd, const sockaddr * address, socklen_t length) {
+    if (connect(fd, address, length) == 0) {
+        return true;
+    }
+    if (errno != EINTR) {
+        return false;
+    }
+    pollfd entry{fd, POLLOUT, 0};
+    while (poll(&entry, 1, -1) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
+        errno = error;
+        return false;
+    }
+    return true;
+}
+
+unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket_options & options) {
+    for (const addrinfo * entry : entries) {
+        int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
+        if (fd < 0) {
+            continue;
+        }
+        try {
+            options.configureConnectedSocket(static_cast<unsigned int>(fd));
+        } catch (...) {
+            close(fd);
+            throw;
+        }
+        if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen)) {
+            return static_cast<unsigned int>(fd);
+        }
+        close(fd);
+    }
+    return INVALID_SOCKET_HANDLE;
+}
+
+}  // namespace
+
+void socket_options::configureConnectedSocket(unsigned int socket) const {
+    if (linger) {
+        // On, with time 0: a close drops unsent data and resets the connection at once.
+        struct linger value{1, 0};
+        setOption(socket, SOL_SOCKET, SO_LINGER, &value, sizeof value, "setsockopt[SO_LINGER]");
+    }
+    setInt(socket, SOL_SOCKET, SO_KEEPALIVE, keepAlive ? 1 : 0, "setsockopt[SO_KEEPALIVE]");
+    setInt(socket, IPPROTO_TCP, TCP_NODELAY, noDelay ? 1 : 0, "setsockopt[TCP_NODELAY]");
+    if (receiveBufferSize != 0) {
+        setInt(socket, SOL_SOCKET, SO_RCVBUF, receiveBufferSize, "setsockopt[SO_RCVBUF]");
+    }
+    if (sendBufferSize != 0) {
+        setInt(socket, SOL_SOCKET, SO_SNDBUF, sendBufferSize, "setsockopt[SO_SNDBUF]");
+    }
+}
+
+void socket_options::configureListeningSocket(unsigned int socket) const {
+    if (receiveBufferSize != 0) {
+        setInt(socket, SOL_SOCKET, SO_RCVBUF, receiveBufferSize, "setsockopt[SO_RCVBUF]");
+    }
+    if (sendBufferSize != 0) {
+        setInt(socket, SOL_SOCKET, SO_SNDBUF, sendBufferSize, "setsockopt[SO_SNDBUF]");
+    }
+    setInt(socket, IPPROTO_TCP, TCP_NODELAY, noDelay ? 1 : 0, "setsockopt[TCP_NODELAY]");
+    if (socketFamily(socket) == AF_INET6) {
+        setInt(socket, IPPROTO_IPV6, IPV6_V6ONLY, ipv6Only ? 1 : 0, "setsockopt[IPV6_V6ONLY]");
+    }
+    setInt(socket, SOL_SOCKET, SO_REUSEADDR, reuseAddress ? 1 : 0, "setsockopt[SO_REUSEADDR]");
+}
+
+unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket_options & options) {
+    std::vector<const addrinfo *> ipv4;
+    std::vector<const addrinfo *> ipv6;
+    for (const addrinfo * entry = addresses; entry != nullptr; entry = entry->ai_next) {
+        if (entry->ai_family == AF_INET) {
+            ipv4.push_back(entry);
+        } else if (entry->ai_family == AF_INET6) {
+            ipv6.push_back(entry);
+        }
+    }
+    const auto & first = options.ipv6Only ? ipv6 : ipv4;
+    const auto & second = options.ipv6Only ? ipv4 : ipv6;
+    unsigned int socket = attempt(first, options);
+    if (socket == INVALID_SOCKET_HANDLE) {
+        socket = attempt(second, options);
+    }
+    return socket;
+}
+
+unsigned int SocketConnect(const net::URI & uri, const socket_options & options) {
+    net::URI::SocketAddress addresses;
+    uri.ToSockAddress(addresses, true);
+    unsigned int socket = detail::ConnectToAddresses(addresses.get(), options);
+    if (socket == INVALID_SOCKET_HANDLE) {
+        throw InternalException(("while connecting to " + uri.ToString()).c_str(), true);
+    }
+    return socket;
+}
+
+unsigned int SocketListen(const net::URI & uri, const socket_options & options) {
+    net::URI::SocketAddress addresses;
+    uri.ToSockAddress(addresses, true);
+    int wanted = uri.hostIsAnyInterface() || options.ipv6Only ? AF_INET6 : AF_INET;
+    const addrinfo * chosen = addresses.get();
+    for (const addrinfo * entry = addresses.get(); entry != nullptr; entry = entry->ai_next) {
+        if (entry->ai_family == wanted) {
+            chosen = entry;
+            break;
+        }
+    }
+    int fd = chosen == nullptr ? -1 : socket(chosen->ai_family, chosen->ai_socktype | SOCK_CLOEXEC, chosen->ai_protocol);
+    if (fd < 0) {
+        throw InternalException(("while creating socket for " + uri.ToString()).c_str(), true);
+    }
+    // A socket that cannot be set up or bound is closed here: the caller never sees it.
+    try {
+        options.configureListeningSocket(static_cast<unsigned int>(fd));
+    } catch (...) {
+        close(fd);
+        throw;
+    }
+    if (bind(fd, chosen->ai_addr, chosen->ai_addrlen) != 0) {
+        close(fd);
+        throw InternalException(("while binding to " + uri.ToString()).c_str(), true);
+    }
+    listen(fd, options.backlog);
+    return static_cast<unsigned int>(fd);
+}
+
+unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const socket_options & options) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    int fd;
+    do {
+        fd = accept4(static_cast<int>(listenSocket), reinterpret_cast<sockaddr *>(&address), &length, SOCK_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        return INVALID_SOCKET_HANDLE;
+    }
+    try {
+        options.configureConnectedSocket(static_cast<unsigned int>(fd));
+        peer = net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, true, "tcp");
+    } catch (...) {
+        close(fd);
+        throw;
+    }
+    return static_cast<unsigned int>(fd);
+}
+
+net::URI SocketLocalURI(unsigned int socket, bool unmapIPv4, const char * scheme) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getsockname(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length);
+    return net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, unmapIPv4, scheme);
+}
+
+net::URI SocketPeerURI(unsigned int socket, const char * scheme) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getpeername(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length);
+    return net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, true, scheme);
+}
+
+std::string SocketPeerAddress(unsigned int socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getpeername(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length);
+    char host[1025] = {};
+    char service[32] = {};
+    int rc = getnameinfo(reinterpret_cast<sockaddr *>(&address), length, host, sizeof host, service, sizeof service,
+                         NI_NUMERICHOST | NI_NUMERICSERV);
+    if (rc != 0) {
+        errno = rc == EAI_SYSTEM ? errno : EINVAL;
+    }
+    std::string text = host;
+    if (text.compare(0, 7, "::ffff:") == 0) {
+        text.erase(0, 7);
+    }
+    return text + ":" + service;
+}
+
+void SocketClose(unsigned int socket) {
+    close(static_cast<int>(socket));
+}
+
+}  // namespace socketio

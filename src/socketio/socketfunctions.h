@@ -1,0 +1,42 @@
+// The plain functions that turn a URI and settings into a socket. Caller's thread; they
+// block and are reentrant. Every socket they return is in blocking mode and close-on-exec.
+#pragma once
+
+#include <netdb.h>
+
+#include <string>
+
+#include "corvane/uri.h"
+#include "socketio/socketoptions.h"
+
+namespace socketio {
+
+// Resolves the host, then tries every IPv4 address before any IPv6 one (the other way round
+// with options.ipv6Only), with no time limit of its own. Throws socketio::InternalException
+// "while connecting to <uri>" when no address takes the connection.
+unsigned int SocketConnect(const net::URI & uri, const socket_options & options);
+
+// Binds one address of the URI (a wildcard host prefers IPv6, which also takes IPv4 unless
+// ipv6Only) and listens. Throws "while creating socket for <uri>" or "while binding to <uri>".
+unsigned int SocketListen(const net::URI & uri, const socket_options & options);
+
+// The invalid handle when accept fails; `peer` is then untouched. The peer's scheme is "tcp".
+unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const socket_options & options);
+
+// The socket's own address; channels pass unmapIPv4 true, servers false.
+net::URI SocketLocalURI(unsigned int socket, bool unmapIPv4, const char * scheme);
+net::URI SocketPeerURI(unsigned int socket, const char * scheme);
+
+// "host:port" of the peer, numeric, with IPv4-mapped addresses as plain IPv4; for log lines.
+std::string SocketPeerAddress(unsigned int socket);
+
+// Closes a socket descriptor; the caller then stores the invalid handle.
+void SocketClose(unsigned int socket);
+
+namespace detail {
+// The connect walk over an already resolved list: the list of the preferred family first,
+// the other only if the first gave no socket. The invalid handle when none connected.
+unsigned int ConnectToAddresses(const addrinfo * addresses, const socket_options & options);
+}  // namespace detail
+
+}  // namespace socketio

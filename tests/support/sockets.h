@@ -1,0 +1,74 @@
+// Small socket helpers for tests: a port that is bound but not listening (connects to it
+// are refused), descriptor counting, and a raised descriptor limit.
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdint>
+
+namespace corvane_test {
+
+// Holds a loopback port that nobody listens on, so that a connect to it is refused.
+class ScopedBoundPort {
+public:
+    explicit ScopedBoundPort(int family = AF_INET) {
+        m_fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_storage address{};
+        socklen_t length;
+        if (family == AF_INET6) {
+            auto * v6 = reinterpret_cast<sockaddr_in6 *>(&address);
+            v6->sin6_family = AF_INET6;
+            v6->sin6_addr = in6addr_loopback;
+            length = sizeof *v6;
+        } else {
+            auto * v4 = reinterpret_cast<sockaddr_in *>(&address);
+            v4->sin_family = AF_INET;
+            v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            length = sizeof *v4;
+        }
+        bind(m_fd, reinterpret_cast<sockaddr *>(&address), length);
+        getsockname(m_fd, reinterpret_cast<sockaddr *>(&address), &length);
+        m_port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&address)->sin6_port
+                                          : reinterpret_cast<sockaddr_in *>(&address)->sin_port);
+    }
+    ~ScopedBoundPort() { close(m_fd); }
+    ScopedBoundPort(const ScopedBoundPort &) = delete;
+    ScopedBoundPort & operator=(const ScopedBoundPort &) = delete;
+    unsigned short port() const { return m_port; }
+
+private:
+    int m_fd;
+    unsigned short m_port = 0;
+};
+
+inline int CountOpenDescriptors() {
+    int count = 0;
+    if (DIR * dir = opendir("/proc/self/fd")) {
+        while (readdir(dir) != nullptr) {
+            ++count;
+        }
+        closedir(dir);
+    }
+    return count;
+}
+
+// Raises the soft limit of open descriptors to at least `wanted` (within the hard limit).
+inline bool RaiseDescriptorLimit(rlim_t wanted) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur >= wanted) {
+        return true;
+    }
+    if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < wanted) {
+        return false;
+    }
+    limit.rlim_cur = wanted;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+}  // namespace corvane_test
