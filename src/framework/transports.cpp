@@ -1,10 +1,14 @@
 #include "framework/transports.h"
 
 #include "corvane/channel.h"
+#include "socketio/socketoptions.h"
+#include "tcp/tcptransportprotocol.h"
 
 namespace net {
 
-void registerBuiltinTransports(IChannelFactory & /*factory*/, const SocketOptions & /*options*/) {
+void registerBuiltinTransports(IChannelFactory & factory, const SocketOptions & options) {
+    // Each protocol gets its own copy of the settings.
+    factory.registerTransportProtocol(new tcp::TCPTransportProtocol(socketio::socket_options(options)));
 }
 
 }  // namespace net

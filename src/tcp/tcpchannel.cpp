@@ -1,0 +1,105 @@
+#include "tcp/tcpchannel.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "common/logging.h"
+#include "socketio/socketexception.h"
+#include "socketio/socketfunctions.h"
+
+namespace tcp {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tcp.TCPChannel");
+
+int errorOrContinue() {
+    int error = errno;
+    if (error == EAGAIN || error == EWOULDBLOCK) {
+        LOG4CXX_TRACE(logger, "send: ==> EWOULDBLOCK ");
+        return 0;
+    }
+    LOG4CXX_ERROR(logger, "send: failed with error code '" << error << "' : " << socketio::SystemErrorText(error));
+    return -1;
+}
+}  // namespace
+
+TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_lastEventTime(0) {
+    int fd = static_cast<int>(socket);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
+    m_peerURI = socketio::SocketPeerURI(socket, "tcp").ToString();
+    m_description = m_localURI + " <-> " + m_peerURI;
+}
+
+TCPChannel::~TCPChannel() = default;
+
+void TCPChannel::close() {
+    LOG4CXX_INFO(logger, "close[" << m_description << "]()");
+    if (m_reactor) {
+        Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
+        m_reactor = nullptr;
+        reactor->unregisterSubscriber(this);
+    }
+    // Only now that the reactor has let go of the socket may it be closed: the reactor
+    // must never wait on a closed (and perhaps reused) descriptor.
+    if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
+        socketio::SocketClose(m_socket);
+        m_socket = socketio::INVALID_SOCKET_HANDLE;
+    }
+}
+
+void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
+    LOG4CXX_TRACE(logger, "setChannelHandler");
+    m_channelHandler = handler;
+}
+
+short TCPChannel::getEventMask() noexcept {
+    if (!m_channelHandler) {
+        return socketio::SELECT_EVENT_READ;
+    }
+    return m_channelHandler->hasPendingWrite() ? short(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE)
+                                               : socketio::SELECT_EVENT_READ;
+}
+
+bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
+    m_lastEventTime = now;
+    // A setChannelHandler or close from inside a callback must not destroy the running handler.
+    Common::SmartPtr<net::IChannelHandler> handler = m_channelHandler;
+    if ((events & socketio::SELECT_EVENT_READ) != 0) {
+        char byte;
+        ssize_t peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
+        if (peeked == 0) {
+            handler->onClose();
+            return false;
+        }
+        if (peeked < 0) {
+            // Every failure ends the channel, a socket closed by the reactor's sweep included.
+            handler->onError();
+            return false;
+        }
+        handler->onRead(this);
+    }
+    if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
+        handler->onWrite(this);
+    }
+    return true;
+}
+
+void TCPChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
+    m_reactor = reactor;
+    m_lastEventTime = now;
+}
+
+int TCPChannel::recv(int length, void * buffer) {
+    return static_cast<int>(::recv(static_cast<int>(m_socket), buffer, static_cast<size_t>(length), 0));
+}
+
+int TCPChannel::send(int length, const void * buffer) {
+    // MSG_NOSIGNAL: a peer that has gone must never kill the host with SIGPIPE.
+    ssize_t sent = ::send(static_cast<int>(m_socket), buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
+    return sent >= 0 ? static_cast<int>(sent) : errorOrContinue();
+}
+
+}  // namespace tcp

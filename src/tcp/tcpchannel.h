@@ -1,0 +1,60 @@
+// tcp::TCPChannel: the plain channel over one connected socket. It adds nothing to the
+// byte stream and has no buffer: reactor events become handler calls, reads and writes go
+// straight to the socket. Kept alive by the reactor while registered and by its owner's
+// references; it does not own its handler's thread rules: callbacks run on the reactor thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "corvane/channel.h"
+#include "socketio/iselecteventsubscriber.h"
+#include "socketio/selectreactor.h"
+
+namespace tcp {
+
+class TCPChannel : public net::IChannel,
+                   public socketio::ISelectEventSubscriber,
+                   public net::IReadDataStream,
+                   public net::IWriteDataStream {
+public:
+    // Takes a connected socket and switches it to non-blocking mode. The destructor closes
+    // nothing: close() is the owner's duty (or the reactor's, when the connection ends).
+    explicit TCPChannel(unsigned int socket);
+    ~TCPChannel() override;
+
+    const char * getLocalURI() const override { return m_localURI.c_str(); }
+    const char * getPeerURI() const override { return m_peerURI.c_str(); }
+    const char * getDescription() const override { return m_description.c_str(); }
+    // Any thread; on another thread it waits until the reactor has let go of the socket,
+    // then closes it. No handler call results. Harmless when repeated.
+    void close() override;
+    net::IWriteDataStream * getWriteDataStream() override { return this; }
+    net::IChannelHandler * getChannelHandler() const override { return m_channelHandler.get(); }
+    // Any thread, no lock: replacing the handler during a dispatch is the caller's risk.
+    void setChannelHandler(net::IChannelHandler * handler) override;
+
+    // Reactor thread only.
+    short getEventMask() noexcept override;
+    bool onEvents(const short & events, const std::uint64_t & now) noexcept override;
+    unsigned int & getSocket() override { return m_socket; }
+    socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
+    void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
+    std::uint64_t getLastEventTime() const override { return m_lastEventTime; }
+
+    // The socket's recv, result as it stands: negative also when no data is waiting.
+    int recv(int length, void * buffer) override;
+    // Any thread. Bytes taken; 0 when the socket buffer is full; -1 when the send failed.
+    int send(int length, const void * buffer) override;
+
+private:
+    unsigned int m_socket;
+    Common::SmartPtr<net::IChannelHandler> m_channelHandler;
+    Common::SmartPtr<socketio::SelectReactor> m_reactor;
+    std::uint64_t m_lastEventTime;
+    std::string m_localURI;
+    std::string m_peerURI;
+    std::string m_description;
+};
+
+}  // namespace tcp

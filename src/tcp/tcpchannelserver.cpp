@@ -1,0 +1,90 @@
+#include "tcp/tcpchannelserver.h"
+
+#include <cerrno>
+#include <exception>
+
+#include "common/logging.h"
+#include "socketio/socketexception.h"
+#include "socketio/socketfunctions.h"
+#include "tcp/tcpchannel.h"
+
+namespace tcp {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tcp.TCPChannelServer");
+}
+
+TCPChannelServer::TCPChannelServer(unsigned int socket, net::IChannelAcceptor * acceptor,
+                                   const socketio::socket_options & options)
+    : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options) {
+    m_localURI = socketio::SocketLocalURI(socket, false, "tcp").ToString();
+}
+
+TCPChannelServer::~TCPChannelServer() = default;
+
+void TCPChannelServer::close() {
+    LOG4CXX_INFO(logger, "close[" << m_localURI << "]()");
+    if (m_reactor) {
+        Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
+        reactor->unregisterSubscriber(this);
+    }
+    if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
+        socketio::SocketClose(m_socket);
+        m_socket = socketio::INVALID_SOCKET_HANDLE;
+    }
+}
+
+void TCPChannelServer::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & /*now*/) {
+    m_reactor = reactor;
+}
+
+bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*now*/) noexcept {
+    LOG4CXX_TRACE(logger, "OnEvents(" << events << ")");
+    if ((events & socketio::SELECT_EVENT_READ) == 0) {
+        LOG4CXX_WARN(logger, "unexpected event " << events << " on " << m_localURI);
+        return false;
+    }
+    net::URI peer = net::URI::FromString("tcp://");
+    unsigned int newSocket = socketio::INVALID_SOCKET_HANDLE;
+    try {
+        newSocket = socketio::SocketAccept(m_socket, peer, m_socketOptions);
+    } catch (const std::exception & e) {
+        // Setting up the accepted socket failed; SocketAccept closed it. The server goes on.
+        LOG4CXX_WARN(logger, "onAccept on new socket failed: " << e.what());
+        return true;
+    }
+    if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
+        int error = errno;
+        LOG4CXX_WARN(logger, "onAccept on new socket failed with error code '" << error
+                                                                                << "' : " << socketio::SystemErrorText(error));
+    } else {
+        onAccept(newSocket, peer);
+    }
+    return true;
+}
+
+void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) noexcept {
+    Common::SmartPtr<TCPChannel> channel;
+    try {
+        LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
+        channel = new TCPChannel(socket);
+        Common::SmartPtr<net::IChannelHandler> handler(m_acceptor->accept(channel.get()));
+        if (handler) {
+            channel->setChannelHandler(handler.get());
+            m_reactor->registerSubscriber(channel.get());
+            return;
+        }
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, "accept failed due to exception: '" << e.what() << "'");
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "accept failed due to an unknown exception caught");
+    }
+    // Refused or failed: the socket is closed through the channel too, so that an acceptor
+    // that kept the channel cannot close the descriptor number again later.
+    if (channel) {
+        channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
+    }
+    socketio::SocketClose(socket);
+    socket = socketio::INVALID_SOCKET_HANDLE;
+}
+}  // namespace tcp

@@ -1,0 +1,46 @@
+// tcp::TCPChannelServer: owns a listening socket. Each read event accepts one connection,
+// makes a tcp::TCPChannel, asks the acceptor for a handler and registers the channel with
+// the same reactor. Holds its acceptor and, while registered, its reactor.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "corvane/channel.h"
+#include "corvane/uri.h"
+#include "socketio/iselecteventsubscriber.h"
+#include "socketio/selectreactor.h"
+#include "socketio/socketoptions.h"
+
+namespace tcp {
+
+class TCPChannelServer : public net::IChannelServer, public socketio::ISelectEventSubscriber {
+public:
+    TCPChannelServer(unsigned int socket, net::IChannelAcceptor * acceptor, const socketio::socket_options & options);
+    ~TCPChannelServer() override;
+
+    const char * getLocalURI() const override { return m_localURI.c_str(); }
+    // Any thread; stops listening. Channels already accepted live on. Harmless when repeated.
+    void close() override;
+
+    // Reactor thread only.
+    short getEventMask() noexcept override { return socketio::SELECT_EVENT_READ; }
+    bool onEvents(const short & events, const std::uint64_t & now) noexcept override;
+    unsigned int & getSocket() override { return m_socket; }
+    socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
+    void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
+    // Servers are never swept.
+    std::uint64_t getLastEventTime() const override { return 0; }
+
+private:
+    // Reactor thread. Any failure closes only this connection and leaves `socket` invalid.
+    void onAccept(unsigned int & socket, const net::URI & peer) noexcept;
+
+    unsigned int m_socket;
+    Common::SmartPtr<socketio::SelectReactor> m_reactor;
+    Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
+    socketio::socket_options m_socketOptions;
+    std::string m_localURI;
+};
+
+}  // namespace tcp

@@ -1,0 +1,29 @@
+// tcp::TCPTransportProtocol: serves the scheme "tcp". It turns a URI into a connected or
+// listening socket and wraps it in a tcp::TCPChannel or tcp::TCPChannelServer. Created once
+// by the channel factory, which owns it; it keeps no per-connection state.
+#pragma once
+
+#include "corvane/channel.h"
+#include "socketio/socketoptions.h"
+
+namespace tcp {
+
+class TCPTransportProtocol : public net::ITransportProtocol {
+public:
+    explicit TCPTransportProtocol(const socketio::socket_options & options);
+    ~TCPTransportProtocol() override;
+
+    const char * getName() const override { return "tcp"; }
+    // Caller's thread; blocks on name resolution and connect. Returns the channel registered
+    // with the reactor; the reactor's reference is its only one.
+    net::IChannel * openChannel(net::IReactor * reactor, const char * uri, net::IChannelHandler * handler,
+                                const char * options) override;
+    // Caller's thread; binds and listens. Options are not read for a plain TCP server.
+    net::IChannelServer * startChannelServer(net::IReactor * reactor, const char * uri,
+                                             net::IChannelAcceptor * acceptor, const char * options) override;
+
+protected:
+    socketio::socket_options m_socketOptions;
+};
+
+}  // namespace tcp

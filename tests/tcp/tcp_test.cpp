@@ -1,0 +1,301 @@
+// The TCP transport end to end through the channel factory, against blocking peers that
+// share no code with it.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "corvane/uri.h"
+#include "echoserver.h"
+#include "framework/channelfactory.h"
+#include "logcapture.h"
+#include "recordinghandler.h"
+#include "socketio/selectreactor.h"
+#include "sockets.h"
+
+namespace {
+
+using corvane_test::EchoHandler;
+using corvane_test::RecordingHandler;
+
+bool waitFor(const std::function<bool()> & done, int milliseconds = 5000) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::string pattern(size_t size) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        data[i] = static_cast<char>((i * 131 + i / 251) & 0xff);
+    }
+    return data;
+}
+
+// Hands out a new echo handler per connection, or refuses, or throws, as the test says.
+class TestAcceptor : public net::IChannelAcceptor {
+public:
+    enum class Answer { Echo, Refuse, Throw };
+
+    net::IChannelHandler * accept(net::IChannel * channel) override {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        Answer answer = answers.empty() ? Answer::Echo : answers.front();
+        if (!answers.empty()) {
+            answers.erase(answers.begin());
+        }
+        if (answer == Answer::Throw) {
+            throw std::runtime_error("acceptor says no");
+        }
+        if (answer == Answer::Refuse) {
+            return nullptr;
+        }
+        handlers.emplace_back(makeHandler ? makeHandler() : new EchoHandler);
+        channels.emplace_back(channel);
+        return handlers.back().get();
+    }
+    size_t accepted() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return handlers.size();
+    }
+
+    std::vector<Answer> answers;
+    std::function<RecordingHandler *()> makeHandler;
+    std::vector<Common::SmartPtr<RecordingHandler>> handlers;
+    std::vector<Common::SmartPtr<net::IChannel>> channels;
+
+private:
+    std::mutex m_mutex;
+};
+
+class TcpTransport : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_descriptors = corvane_test::CountOpenDescriptors();
+        net::SocketOptions options;
+        options.backlog = 128;
+        factory = new net::ChannelFactory(options);
+        reactor = new socketio::SelectReactor(5000, 300000, 5);
+        reactor->startProcessing();
+    }
+    void TearDown() override {
+        reactor->stopProcessing();
+        acceptor = nullptr;
+        factory = nullptr;
+        reactor = nullptr;
+        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+    }
+    Common::SmartPtr<net::IChannelServer> startServer(const char * uri = "tcp://127.0.0.1:0") {
+        if (!acceptor) {
+            acceptor = new TestAcceptor;
+        }
+        return factory->startChannelServer(reactor.get(), uri, acceptor.get(), "whatever=1;unknown");
+    }
+    static unsigned short portOf(net::IChannelServer * server) {
+        return net::URI::FromString(server->getLocalURI()).getPort();
+    }
+    // A raw blocking client, closed by the caller.
+    static int rawConnect(unsigned short port) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        timeval wait{5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        return fd;
+    }
+    static std::string rawExchange(int fd, const std::string & message) {
+        send(fd, message.data(), message.size(), MSG_NOSIGNAL);
+        std::string answer;
+        char buffer[4096];
+        while (answer.size() < message.size()) {
+            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n <= 0) {
+                break;
+            }
+            answer.append(buffer, static_cast<size_t>(n));
+        }
+        return answer;
+    }
+
+    Common::SmartPtr<net::IChannelFactory> factory;
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    Common::SmartPtr<TestAcceptor> acceptor;
+
+private:
+    int m_descriptors = 0;
+};
+
+TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    std::string uri = "tcp://127.0.0.1:" + std::to_string(portOf(server.get()));
+    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+    EXPECT_EQ(std::string(channel->getPeerURI()), uri);
+    EXPECT_EQ(std::string(channel->getDescription()),
+              std::string(channel->getLocalURI()) + " <-> " + channel->getPeerURI());
+
+    const std::string data = pattern(1 << 20);
+    client->queue(data);
+    ASSERT_TRUE(waitFor([&] { return client->receivedSize() >= data.size(); }));
+    EXPECT_TRUE(client->received() == data);
+    channel->close();
+    channel->close();
+    EXPECT_EQ(client->closes.load() + client->errors.load(), 0) << "close() calls no handler";
+    // Linger is on by default: the close resets, and the server's channel sees an error.
+    ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->errors.load() == 1; }));
+    server->close();
+    server->close();
+}
+
+TEST_F(TcpTransport, PeerClosingWithUnreadDataIsReadToTheEndBeforeOnClose) {
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    acceptor->makeHandler = [] { return new RecordingHandler; };
+    const std::string data = pattern(300000);
+    int fd = rawConnect(portOf(server.get()));
+    ASSERT_EQ(send(fd, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
+    close(fd);
+    ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }));
+    RecordingHandler & handler = *acceptor->handlers[0];
+    EXPECT_TRUE(handler.received() == data);
+    EXPECT_EQ(handler.closes.load(), 1);
+    EXPECT_EQ(handler.errors.load(), 0);
+    acceptor->channels[0]->close();  // after onClose: harmless
+    server->close();
+}
+
+TEST_F(TcpTransport, CloseInsideOnReadStillDeliversOnWriteWhoseSendFails) {
+    corvane_test::LogCapture log("ERROR");
+    corvane_test::EchoServer peer;
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    client->alwaysWantWrite = true;
+    std::string uri = "tcp://127.0.0.1:" + std::to_string(peer.port());
+    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+    std::atomic<bool> closed{false};
+    client->onReadHook = [&](net::IReadDataStream *) {
+        channel->close();
+        closed = true;
+    };
+    client->onWriteHook = [&](net::IWriteDataStream * stream) {
+        return closed ? stream->send(1, "x") : stream->send(1, "x");
+    };
+    ASSERT_TRUE(waitFor([&] { return closed.load() && client->lastSend.load() == -1; }));
+    EXPECT_EQ(client->writes.load() > 0, true);
+    EXPECT_EQ(log.count("corvane.tcp.TCPChannel", "ERROR", "send: failed with error code '9' : Bad file descriptor"), 1u);
+    EXPECT_EQ(client->closes.load() + client->errors.load(), 0);
+}
+
+TEST_F(TcpTransport, RefusingOrThrowingAcceptorEndsOnlyThatConnection) {
+    corvane_test::LogCapture log("ERROR");
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    acceptor->answers = {TestAcceptor::Answer::Refuse, TestAcceptor::Answer::Throw};
+    char byte;
+    for (int i = 0; i < 2; ++i) {
+        int fd = rawConnect(portOf(server.get()));
+        EXPECT_LE(recv(fd, &byte, 1, 0), 0) << "connection " << i << " is closed by the server";
+        close(fd);
+    }
+    EXPECT_EQ(log.count("corvane.tcp.TCPChannelServer", "ERROR", "accept failed due to exception: 'acceptor says no'"), 1u);
+    int fd = rawConnect(portOf(server.get()));
+    EXPECT_EQ(rawExchange(fd, "still served"), "still served");
+    close(fd);
+    ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->closes.load() == 1; }));
+    server->close();
+}
+
+TEST_F(TcpTransport, BurstOfConnectionsIsServedInFull) {
+    Common::SmartPtr<net::IChannelServer> server = startServer("tcp://:0");
+    EXPECT_EQ(net::URI::FromString(server->getLocalURI()).getHost(), "::");
+    constexpr int clients = 40;
+    std::vector<std::thread> threads;
+    std::atomic<int> echoed{0};
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&, i] {
+            int fd = rawConnect(portOf(server.get()));
+            std::string message = "client " + std::to_string(i);
+            if (rawExchange(fd, message) == message) {
+                ++echoed;
+            }
+            close(fd);
+        });
+    }
+    for (auto & thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(echoed.load(), clients);
+    ASSERT_TRUE(waitFor([&] {
+        for (auto & handler : acceptor->handlers) {
+            if (!handler->ended()) {
+                return false;
+            }
+        }
+        return acceptor->accepted() == clients;
+    }));
+    server->close();
+}
+
+TEST_F(TcpTransport, SilentChannelIsSweptWithOnError) {
+    reactor->stopProcessing();
+    reactor = new socketio::SelectReactor(40, 200, 20);
+    reactor->startProcessing();
+    corvane_test::EchoServer silentPeer(true);
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    std::string uri = "tcp://127.0.0.1:" + std::to_string(silentPeer.port());
+    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+    ASSERT_TRUE(waitFor([&] { return client->errors.load() == 1; }, 3000));
+    EXPECT_EQ(client->closes.load(), 0);
+    channel->close();
+}
+
+TEST_F(TcpTransport, PeerVanishingDuringALargeWriteLeavesTheHostAlive) {
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    std::string uri;
+    {
+        corvane_test::EchoServer peer(true);
+        uri = "tcp://127.0.0.1:" + std::to_string(peer.port());
+        Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+        client->queue(pattern(32 << 20));
+        ASSERT_TRUE(waitFor([&] { return client->writes.load() >= 1; }));
+    }  // the peer goes away while the channel still writes
+    ASSERT_TRUE(waitFor([&] { return client->ended(); }));
+    EXPECT_EQ(client->errors.load() + client->closes.load(), 1);
+}
+
+TEST_F(TcpTransport, ConnectFailuresAreClearAndLeaveNothingBehind) {
+    corvane_test::ScopedBoundPort refused;
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    std::string uri = "tcp://127.0.0.1:" + std::to_string(refused.port());
+    try {
+        factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr);
+        ADD_FAILURE() << "connected";
+    } catch (const net::RuntimeException & e) {
+        EXPECT_EQ(std::string(e.what()), "while connecting to " + uri);
+    }
+    EXPECT_THROW(factory->openChannel(reactor.get(), "tcp://127.0.0.1:99999", client.get(), nullptr), net::URIException);
+    EXPECT_EQ(client->refCount(), 1) << "no channel kept the handler";
+
+    // A stopped reactor refuses the registration; the connected socket is closed again.
+    corvane_test::EchoServer peer;
+    reactor->stopProcessing();
+    std::string good = "tcp://127.0.0.1:" + std::to_string(peer.port());
+    EXPECT_THROW(factory->openChannel(reactor.get(), good.c_str(), client.get(), nullptr), net::RuntimeException);
+    EXPECT_EQ(client->refCount(), 1);
+    reactor->startProcessing();
+}
+
+}  // namespace
