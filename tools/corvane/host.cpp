@@ -1,6 +1,9 @@
 #include "host.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
+
+#include <cerrno>
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/consoleappender.h>
@@ -9,7 +12,9 @@
 #include <log4cxx/patternlayout.h>
 #include <log4cxx/propertyconfigurator.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 
 namespace cli {
@@ -29,6 +34,43 @@ net::IModule * loadModule(const std::string & path) {
         throw std::runtime_error("'" + path + "' exports no GetModule");
     }
     return getModule();
+}
+
+void blockStopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+int waitForStopSignal(int milliseconds) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    for (;;) {
+        int number;
+        if (milliseconds < 0) {
+            number = sigwaitinfo(&signals, nullptr);
+        } else {
+            timespec wait{milliseconds / 1000, static_cast<long>(milliseconds % 1000) * 1000000L};
+            number = sigtimedwait(&signals, nullptr, &wait);
+            if (number < 0 && errno == EAGAIN) {
+                return 0;
+            }
+        }
+        if (number > 0) {
+            return number;
+        }
+    }
+}
+
+std::string optionValue(const std::vector<std::string> & args, size_t & i) {
+    if (i + 1 >= args.size()) {
+        throw UsageError(args[i] + " needs a value");
+    }
+    return args[++i];
 }
 
 void configureLogging(const std::string & level, const std::string & configFile) {

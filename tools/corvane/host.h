@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "corvane/corvane.h"
 
@@ -19,6 +20,22 @@ public:
 // Throws std::runtime_error with dlerror's text when it cannot be loaded.
 net::IModule * loadModule(const std::string & path);
 std::string defaultModulePath();
+
+// What a subcommand gets: the loaded module and its path. Arguments follow the command name.
+struct Context {
+    net::IModule * module = nullptr;
+    std::string modulePath;
+};
+
+// Blocks SIGINT and SIGTERM in the calling thread and every thread it starts later, so that
+// they can be awaited with waitForStopSignal. Call it first in main.
+void blockStopSignals();
+// Waits until SIGINT or SIGTERM arrives, or until `milliseconds` passed (negative: no limit).
+// Returns the signal number, or 0 on time-out.
+int waitForStopSignal(int milliseconds = -1);
+
+// The value that follows args[i] (which names an option), or UsageError.
+std::string optionValue(const std::vector<std::string> & args, size_t & i);
 
 // A console appender on stderr at `level` (TRACE..FATAL, OFF), or the properties file.
 void configureLogging(const std::string & level, const std::string & configFile);

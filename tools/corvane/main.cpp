@@ -1,6 +1,7 @@
 // corvane: the command-line host of the corvane module.
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -21,7 +22,7 @@ const char * const kUsage =
     "  --log-config FILE   a log4cxx properties file instead of --log-level\n"
     "  --help              this text; 'corvane COMMAND --help' tells about one command\n";
 
-int commandInfo(net::IModule * module, const std::string & modulePath, const std::vector<std::string> & args) {
+int commandInfo(const cli::Context & context, const std::vector<std::string> & args) {
     if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
         std::cout << "usage: corvane info\n\nLoads the module and lists the URI schemes it serves.\n";
         return 0;
@@ -29,8 +30,8 @@ int commandInfo(net::IModule * module, const std::string & modulePath, const std
     if (!args.empty()) {
         throw cli::UsageError("info takes no arguments");
     }
-    Common::SmartPtr<net::IChannelFactory> factory(module->createChannelFactory(net::SocketOptions()));
-    std::cout << "module: " << modulePath << "\n";
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(net::SocketOptions()));
+    std::cout << "module: " << context.modulePath << "\n";
     std::cout << "transports:";
     int served = 0;
     for (const char * scheme : {"tcp", "http", "https", "ssl", "ws", "wss"}) {
@@ -46,6 +47,7 @@ int commandInfo(net::IModule * module, const std::string & modulePath, const std
 }  // namespace
 
 int main(int argc, char ** argv) {
+    cli::blockStopSignals();
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string modulePath = cli::defaultModulePath();
     std::string logLevel = "WARN";
@@ -76,9 +78,18 @@ int main(int argc, char ** argv) {
         }
         std::string command = args[i];
         std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
-        cli::configureLogging(logLevel, logConfig);
-        if (command == "info") {
-            return commandInfo(cli::loadModule(modulePath), modulePath, rest);
+        using Command = int (*)(const cli::Context &, const std::vector<std::string> &);
+        const std::vector<std::pair<std::string, Command>> commands = {
+            {"info", commandInfo},
+        };
+        for (const auto & entry : commands) {
+            if (entry.first == command) {
+                cli::configureLogging(logLevel, logConfig);
+                cli::Context context;
+                context.modulePath = modulePath;
+                context.module = cli::loadModule(modulePath);
+                return entry.second(context, rest);
+            }
         }
         throw cli::UsageError("unknown command '" + command + "'");
     } catch (const cli::UsageError & e) {
