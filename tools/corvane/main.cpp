@@ -1,4 +1,5 @@
 // corvane: the command-line host of the corvane module.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -8,6 +9,11 @@
 
 #include "host.h"
 
+namespace cli {
+int commandServe(const Context & context, const std::vector<std::string> & args);
+int commandConnect(const Context & context, const std::vector<std::string> & args);
+}  // namespace cli
+
 namespace {
 
 const char * const kUsage =
@@ -15,10 +21,12 @@ const char * const kUsage =
     "\n"
     "commands:\n"
     "  info        load the module and list the transports it serves\n"
+    "  serve       a channel server that echoes or discards\n"
+    "  connect     join stdin and stdout to a channel, like nc\n"
     "\n"
     "options:\n"
     "  --module PATH       the module to load (default: $CORVANE_MODULE, else the built one)\n"
-    "  --log-level LEVEL   TRACE, DEBUG, INFO, WARN (default), ERROR, FATAL or OFF; logs go to stderr\n"
+    "  --log-level LEVEL   TRACE, DEBUG, INFO, WARN, ERROR (default), FATAL or OFF; logs go to stderr\n"
     "  --log-config FILE   a log4cxx properties file instead of --log-level\n"
     "  --help              this text; 'corvane COMMAND --help' tells about one command\n";
 
@@ -48,9 +56,11 @@ int commandInfo(const cli::Context & context, const std::vector<std::string> & a
 
 int main(int argc, char ** argv) {
     cli::blockStopSignals();
+    // A reader of our stdout that goes away must end this host with an error, not a signal.
+    std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string modulePath = cli::defaultModulePath();
-    std::string logLevel = "WARN";
+    std::string logLevel = "ERROR";
     std::string logConfig;
     try {
         size_t i = 0;
@@ -81,6 +91,8 @@ int main(int argc, char ** argv) {
         using Command = int (*)(const cli::Context &, const std::vector<std::string> &);
         const std::vector<std::pair<std::string, Command>> commands = {
             {"info", commandInfo},
+            {"serve", cli::commandServe},
+            {"connect", cli::commandConnect},
         };
         for (const auto & entry : commands) {
             if (entry.first == command) {
@@ -93,7 +105,7 @@ int main(int argc, char ** argv) {
         }
         throw cli::UsageError("unknown command '" + command + "'");
     } catch (const cli::UsageError & e) {
-        std::cerr << "corvane: " << e.what() << "\n(try 'corvane --help')\n";
+        std::cerr << "corvane: " << e.what() << " (try 'corvane --help')\n";
         return 2;
     } catch (const std::exception & e) {
         std::cerr << "corvane: " << e.what() << "\n";

@@ -1,0 +1,336 @@
+// corvane serve and corvane connect: a channel server that echoes or discards, and a
+// netcat-like client that joins stdin and stdout to a channel.
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+
+namespace cli {
+
+namespace {
+
+// The host's sockets close gracefully (no linger-0 reset), so that data already written
+// reaches the peer when the channel closes.
+net::SocketOptions hostSocketOptions() {
+    net::SocketOptions options;
+    options.linger = false;
+    options.backlog = 128;
+    return options;
+}
+
+// Echoes what it reads. Reads pause while echoed data waits for the socket, so memory stays
+// bounded; what is left when the peer ends is flushed for a short while before the close.
+class EchoHandler : public net::IChannelHandler {
+public:
+    explicit EchoHandler(net::IChannel * channel) : m_channel(channel) {}
+
+    bool hasPendingWrite() override { return m_offset < m_pending.size(); }
+    void onRead(net::IReadDataStream * stream) override {
+        if (hasPendingWrite()) {
+            flush(m_channel->getWriteDataStream());
+            if (hasPendingWrite()) {
+                return;
+            }
+        }
+        m_pending.resize(kChunk);
+        m_offset = 0;
+        int n = stream->recv(static_cast<int>(kChunk), &m_pending[0]);
+        m_pending.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        flush(m_channel->getWriteDataStream());
+    }
+    void onWrite(net::IWriteDataStream * stream) override { flush(stream); }
+    void onClose() override {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        while (hasPendingWrite() && std::chrono::steady_clock::now() < deadline) {
+            if (!flush(m_channel->getWriteDataStream())) {
+                break;
+            }
+            if (hasPendingWrite()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+        m_channel = nullptr;
+    }
+
+private:
+    static constexpr size_t kChunk = 256 * 1024;
+
+    // False when the connection failed.
+    bool flush(net::IWriteDataStream * stream) {
+        while (m_offset < m_pending.size()) {
+            int n = stream->send(static_cast<int>(m_pending.size() - m_offset), m_pending.data() + m_offset);
+            if (n < 0) {
+                m_offset = m_pending.size();
+                return false;
+            }
+            if (n == 0) {
+                return true;
+            }
+            m_offset += static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    Common::SmartPtr<net::IChannel> m_channel;
+    std::vector<char> m_pending;
+    size_t m_offset = 0;
+};
+
+class DiscardHandler : public net::IChannelHandler {
+public:
+    bool hasPendingWrite() override { return false; }
+    void onRead(net::IReadDataStream * stream) override {
+        static thread_local char buffer[256 * 1024];
+        while (stream->recv(sizeof buffer, buffer) > 0) {
+        }
+    }
+    void onWrite(net::IWriteDataStream *) override {}
+    void onClose() override {}
+};
+
+class ServeAcceptor : public net::IChannelAcceptor {
+public:
+    explicit ServeAcceptor(bool echo) : m_echo(echo) {}
+    net::IChannelHandler * accept(net::IChannel * channel) override {
+        if (m_echo) {
+            return new EchoHandler(channel);
+        }
+        return new DiscardHandler;
+    }
+
+private:
+    bool m_echo;
+};
+
+// Everything the peer sends goes to stdout, from the reactor thread.
+class StdoutHandler : public net::IChannelHandler {
+public:
+    bool hasPendingWrite() override { return false; }
+    void onRead(net::IReadDataStream * stream) override {
+        char buffer[64 * 1024];
+        int n = stream->recv(sizeof buffer, buffer);
+        for (int written = 0; n > 0 && written < n;) {
+            ssize_t k = ::write(STDOUT_FILENO, buffer + written, static_cast<size_t>(n - written));
+            if (k < 0 && errno == EINTR) {
+                continue;
+            }
+            if (k <= 0) {
+                stdoutFailed = true;
+                break;
+            }
+            written += static_cast<int>(k);
+        }
+        if (n > 0) {
+            received += n;
+            lastReceive = std::chrono::steady_clock::now().time_since_epoch().count();
+        }
+    }
+    void onWrite(net::IWriteDataStream *) override {}
+    void onClose() override { ended = true; }
+    void onError() override {
+        failed = true;
+        ended = true;
+    }
+
+    std::atomic<bool> ended{false};
+    std::atomic<bool> failed{false};
+    std::atomic<bool> stdoutFailed{false};
+    std::atomic<long long> received{0};
+    std::atomic<long long> lastReceive{0};
+};
+
+const char * const kServeUsage =
+    "usage: corvane serve URI [--echo|--discard] [--options TEXT]\n"
+    "\n"
+    "Starts a channel server on URI (e.g. tcp://127.0.0.1:7000; port 0 picks a free one),\n"
+    "prints 'listening on URI' with the real address, and serves until SIGINT or SIGTERM.\n"
+    "  --echo          send back what each connection sends (the default)\n"
+    "  --discard       read and drop what each connection sends\n"
+    "  --options TEXT  the option text of the server, key=value;key=value\n";
+
+const char * const kConnectUsage =
+    "usage: corvane connect URI [--options TEXT] [--wait MS] [--stats]\n"
+    "\n"
+    "Opens a channel to URI and joins it to stdin and stdout, like nc: what stdin gives is\n"
+    "sent, what the peer sends is written to stdout. It ends when the peer closes; after\n"
+    "the end of stdin it waits until the peer closes or sends nothing for MS milliseconds\n"
+    "(default 1000). SIGINT or SIGTERM end it at once.\n"
+    "  --options TEXT  the option text of the channel, key=value;key=value\n"
+    "  --stats         print the bytes sent and received and the rate to stderr at the end\n";
+
+bool wantsHelp(const std::vector<std::string> & args) {
+    for (const auto & arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+int commandServe(const Context & context, const std::vector<std::string> & args) {
+    if (wantsHelp(args)) {
+        std::cout << kServeUsage;
+        return 0;
+    }
+    std::string uri;
+    std::string options;
+    bool echo = true;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--echo") {
+            echo = true;
+        } else if (args[i] == "--discard") {
+            echo = false;
+        } else if (args[i] == "--options") {
+            options = optionValue(args, i);
+        } else if (args[i].rfind("--", 0) == 0 || !uri.empty()) {
+            throw UsageError("serve: unexpected argument '" + args[i] + "'");
+        } else {
+            uri = args[i];
+        }
+    }
+    if (uri.empty()) {
+        throw UsageError("serve: a URI to listen on is needed");
+    }
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
+    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+    reactor->startProcessing();
+    Common::SmartPtr<net::IChannelServer> server;
+    try {
+        server = factory->startChannelServer(reactor.get(), uri.c_str(), new ServeAcceptor(echo), options.c_str());
+    } catch (...) {
+        reactor->stopProcessing();
+        throw;
+    }
+    std::cout << "listening on " << server->getLocalURI() << std::endl;
+    waitForStopSignal();
+    server->close();
+    reactor->stopProcessing();
+    return 0;
+}
+
+int commandConnect(const Context & context, const std::vector<std::string> & args) {
+    if (wantsHelp(args)) {
+        std::cout << kConnectUsage;
+        return 0;
+    }
+    std::string uri;
+    std::string options;
+    int waitMilliseconds = 1000;
+    bool stats = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--options") {
+            options = optionValue(args, i);
+        } else if (args[i] == "--wait") {
+            std::string value = optionValue(args, i);
+            try {
+                size_t used = 0;
+                waitMilliseconds = std::stoi(value, &used);
+                if (used != value.size() || waitMilliseconds < 0) {
+                    throw std::invalid_argument(value);
+                }
+            } catch (const std::exception &) {
+                throw UsageError("connect: --wait needs a number of milliseconds, not '" + value + "'");
+            }
+        } else if (args[i] == "--stats") {
+            stats = true;
+        } else if (args[i].rfind("--", 0) == 0 || !uri.empty()) {
+            throw UsageError("connect: unexpected argument '" + args[i] + "'");
+        } else {
+            uri = args[i];
+        }
+    }
+    if (uri.empty()) {
+        throw UsageError("connect: a URI to connect to is needed");
+    }
+
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
+    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+    reactor->startProcessing();
+    Common::SmartPtr<StdoutHandler> handler(new StdoutHandler);
+    Common::SmartPtr<net::IChannel> channel;
+    try {
+        channel = factory->openChannel(reactor.get(), uri.c_str(), handler.get(), options.c_str());
+    } catch (...) {
+        reactor->stopProcessing();
+        throw;
+    }
+
+    auto started = std::chrono::steady_clock::now();
+    long long sent = 0;
+    bool stdinOpen = true;
+    bool sendFailed = false;
+    auto stdinEnded = started;
+    std::vector<char> buffer(64 * 1024);
+    while (!handler->ended && !handler->stdoutFailed && !sendFailed) {
+        if (waitForStopSignal(0) != 0) {
+            break;
+        }
+        if (!stdinOpen) {
+            long long idleSince = std::max<long long>(stdinEnded.time_since_epoch().count(), handler->lastReceive.load());
+            auto idle = std::chrono::steady_clock::now().time_since_epoch().count() - idleSince;
+            if (idle > std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                           std::chrono::milliseconds(waitMilliseconds)).count()) {
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            continue;
+        }
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (poll(&input, 1, 50) <= 0) {
+            continue;
+        }
+        ssize_t n = ::read(STDIN_FILENO, buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            stdinOpen = false;
+            stdinEnded = std::chrono::steady_clock::now();
+            continue;
+        }
+        for (ssize_t offset = 0; offset < n && !handler->ended;) {
+            int k = channel->getWriteDataStream()->send(static_cast<int>(n - offset), buffer.data() + offset);
+            if (k < 0) {
+                sendFailed = true;
+                break;
+            }
+            if (k == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+                continue;
+            }
+            offset += k;
+            sent += k;
+        }
+    }
+    // The rate counts up to the last byte that moved, not the wait after it.
+    auto lastMoved = std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(
+        std::max<long long>(stdinEnded.time_since_epoch().count(), handler->lastReceive.load())));
+    double seconds = std::chrono::duration<double>(std::max(lastMoved, started) - started).count();
+    channel->close();
+    reactor->stopProcessing();
+    if (stats) {
+        double megabytes = static_cast<double>(sent + handler->received.load()) / 1e6;
+        std::fprintf(stderr, "sent %lld bytes, received %lld bytes in %.3f s (%.1f MB/s both ways)\n", sent,
+                     handler->received.load(), seconds, seconds > 0 ? megabytes / seconds : 0.0);
+    }
+    if (handler->failed || sendFailed) {
+        std::cerr << "corvane: the connection to " << uri << " failed\n";
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace cli
