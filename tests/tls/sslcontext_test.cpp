@@ -1,0 +1,297 @@
+#include "tls/sslcontext.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+
+#include <cstdlib>
+#include <functional>
+#include <optional>
+
+#include "framework/optionmap.h"
+#include "logcapture.h"
+#include "tls/sslexception.h"
+#include "tls/toolsinternalexception.h"
+#include "tlsmaterial.h"
+
+namespace {
+
+using corvane_test::HandshakePair;
+using corvane_test::LogCapture;
+using corvane_test::material;
+
+const char * const contextCategory = "corvane.tools.SSLContext";
+
+tools::SSLContext makeContext(const std::string & options) {
+    net::OptionMap map;
+    map.parse(options.c_str());
+    tools::SSLContext context(map);
+    context.setup(false);
+    return context;
+}
+
+// The server side of most cases: the localhost certificate from files, no system stores.
+tools::SSLContext serverContext() {
+    return makeContext("LoadCryptoCertStore=false;CertificateFile=" + material().serverCert +
+                       ";PrivateKeyFile=" + material().serverKey);
+}
+
+// Sets an environment variable for one scope, so OpenSSL's default locations can point into
+// the test material.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const char * name, const std::string & value) : m_name(name) {
+        if (const char * old = std::getenv(name)) {
+            m_old = old;
+        }
+        setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnvironment() {
+        if (m_old) {
+            setenv(m_name, m_old->c_str(), 1);
+        } else {
+            unsetenv(m_name);
+        }
+    }
+
+private:
+    const char * m_name;
+    std::optional<std::string> m_old;
+};
+
+class SSLContextTest : public ::testing::Test {
+protected:
+    void TearDown() override { ERR_clear_error(); }
+};
+
+TEST_F(SSLContextTest, EachFailingStepLogsItsSentenceAndThrowsOpenSSLsWords) {
+    const auto & m = material();
+    const std::string missing = m.directory + "/missing.pem";
+    const struct {
+        std::string options;
+        std::string sentence;
+    } cases[] = {
+        {"CertificateFile=" + missing, "unable to load certificate file '" + missing + "'"},
+        {"PrivateKeyFile=" + missing, "unable to load private key file '" + missing + "'"},
+        {"PrivateKeyFile=" + m.encryptedKey + ";PrivatePassword=wrong",
+         "unable to load private key file '" + m.encryptedKey + "'"},
+        // A key of another type lands in another slot, so only the explicit check catches it.
+        {"CertificateFile=" + m.serverCert + ";PrivateKeyFile=" + m.otherKey,
+         "private key file '" + m.otherKey + "' does not match certificate file '" + m.serverCert + "'"},
+        {"CAFile=" + missing, "unable to load CA file '" + missing + "' or the path '' is not valid"},
+        {"CipherList=NO-SUCH-CIPHER", "unable to set cipher list to 'NO-SUCH-CIPHER'"},
+    };
+    for (const auto & c : cases) {
+        SCOPED_TRACE(c.options);
+        LogCapture log;
+        try {
+            makeContext("LoadCryptoCertStore=false;" + c.options);
+            ADD_FAILURE() << "setup succeeded";
+        } catch (const tools::SSLException & e) {
+            const std::string text = e.what();
+            EXPECT_EQ(text.rfind("openssl:", 0), 0u) << text;
+            EXPECT_EQ(text.back(), '\n');
+            EXPECT_EQ(log.count("corvane.tools.SSLException", "WARN", text), 1u);
+        }
+        EXPECT_EQ(log.count(contextCategory, "ERROR", c.sentence), 1u);
+        EXPECT_EQ(log.count(contextCategory, "ERROR", ""), 1u);
+    }
+}
+
+TEST_F(SSLContextTest, MissingPKCS12FileIsAnInternalExceptionNamingTheFile) {
+    const std::string missing = material().directory + "/missing.p12";
+    LogCapture log;
+    try {
+        makeContext("LoadCryptoCertStore=false;PKCS12File=" + missing);
+        ADD_FAILURE() << "setup succeeded";
+    } catch (const tools::InternalException & e) {
+        EXPECT_EQ(std::string(e.what()), "Error opening PKCS#12 file '" + missing + "'");
+    }
+    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN", "Error opening PKCS#12 file '" + missing + "'"), 1u);
+}
+
+TEST_F(SSLContextTest, PKCS12WithWrongPasswordOrWrongFormatIsAnSSLException) {
+    const auto & m = material();
+    EXPECT_THROW(makeContext("LoadCryptoCertStore=false;PrivatePassword=wrong;PKCS12File=" + m.pkcs12File),
+                 tools::SSLException);
+    EXPECT_THROW(makeContext("LoadCryptoCertStore=false;PKCS12File=" + m.serverCert), tools::SSLException);
+}
+
+TEST_F(SSLContextTest, PasswordThatDoesNotFitOpenSSLsBufferIsNotGiven) {
+    // OpenSSL offers the callback a buffer of PEM_BUFSIZE bytes, the terminator included.
+    const auto & m = material();
+    EXPECT_NO_THROW(makeContext("LoadCryptoCertStore=false;PrivatePassword=" + m.password +
+                                ";CertificateFile=" + m.serverCert + ";PrivateKeyFile=" + m.encryptedKey));
+    const std::string fits = m.keyWithPasswordLength(PEM_BUFSIZE - 1);
+    EXPECT_NO_THROW(makeContext("LoadCryptoCertStore=false;PrivateKeyFile=" + fits +
+                                ";PrivatePassword=" + std::string(PEM_BUFSIZE - 1, 'p')));
+    const std::string tooLong = m.keyWithPasswordLength(PEM_BUFSIZE);
+    LogCapture log;
+    EXPECT_THROW(makeContext("LoadCryptoCertStore=false;PrivateKeyFile=" + tooLong +
+                             ";PrivatePassword=" + std::string(PEM_BUFSIZE, 'p')),
+                 tools::SSLException);
+    EXPECT_EQ(log.count(contextCategory, "ERROR", "unable to load private key file '" + tooLong + "'"), 1u);
+}
+
+TEST_F(SSLContextTest, OnlyExactTrueSwitchesWeakMethodsAndVerificationOff) {
+    struct Case {
+        const char * options;
+        bool noSSLv3;
+        int verifyMode;
+    } cases[] = {
+        {"", true, SSL_VERIFY_PEER},
+        {"EnableWeakMethods=TRUE;NoCertify=True", true, SSL_VERIFY_PEER},
+        {"EnableWeakMethods=1;NoCertify=yes", true, SSL_VERIFY_PEER},
+        {"EnableWeakMethods=true;NoCertify=true", false, SSL_VERIFY_NONE},
+    };
+    for (const auto & c : cases) {
+        SCOPED_TRACE(c.options);
+        LogCapture log;
+        tools::SSLContext context = makeContext(std::string("LoadCryptoCertStore=false;") + c.options);
+        const uint64_t options = SSL_CTX_get_options(context.context());
+        EXPECT_EQ((options & SSL_OP_NO_SSLv3) != 0, c.noSSLv3);
+        const uint64_t always = SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_TICKET |
+                                SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION;
+        EXPECT_EQ(options & always, always);
+        EXPECT_EQ(SSL_CTX_get_session_cache_mode(context.context()), SSL_SESS_CACHE_OFF);
+        EXPECT_EQ(SSL_CTX_get_verify_mode(context.context()), c.verifyMode);
+        EXPECT_EQ(SSL_CTX_get_verify_callback(context.context()) == &tools::SSLContext::verifyCallback,
+                  c.verifyMode == SSL_VERIFY_PEER);
+        if (c.noSSLv3) {
+            EXPECT_EQ(log.count(contextCategory, "INFO", "disabling SSLv2 and SSLv3"), 1u);
+        } else {
+            EXPECT_EQ(log.count(contextCategory, "WARN", "leaving SSLv2 and SSLv3 enabled"), 1u);
+        }
+    }
+}
+
+TEST_F(SSLContextTest, MovedFromContextReleasesNothing) {
+    tools::SSLContext original = serverContext();
+    SSL_CTX * raw = original.context();
+    tools::SSLContext moved(std::move(original));
+    EXPECT_EQ(moved.context(), raw);
+}
+
+// Handshakes between a client and a server SSL over a BIO pair.
+class HandshakeTest : public SSLContextTest {
+protected:
+    tools::SSLContext m_server = serverContext();
+};
+
+TEST_F(HandshakeTest, TrustedChainAndMatchingNamePass) {
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;CAFile=" + material().caFile);
+    HandshakePair pair(client.context(), m_server.context());
+    ASSERT_TRUE(pair.run());
+    LogCapture log;
+    EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "localhost"));
+    EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "LocalHost"));
+    // X509_check_host reports a malformed (null) name as -2, which is not a verdict.
+    EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, nullptr));
+    EXPECT_EQ(log.countContaining(contextCategory, "validateCertificates( 0x"), 3u);
+    EXPECT_EQ(log.countContaining(contextCategory, ", 'localhost')"), 1u);
+}
+
+TEST_F(HandshakeTest, WrongNameIsRefusedAfterTheHandshake) {
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;CAFile=" + material().caFile);
+    HandshakePair pair(client.context(), m_server.context());
+    ASSERT_TRUE(pair.run());
+    LogCapture log;
+    try {
+        tools::SSLContext::validateCertificates(pair.client, "www.example.com");
+        ADD_FAILURE() << "a foreign name passed";
+    } catch (const tools::InternalException & e) {
+        EXPECT_STREQ(e.what(), "validateCertificates: Common name doesn't match host name");
+    }
+    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN",
+                        "validateCertificates: Common name doesn't match host name"),
+              1u);
+}
+
+TEST_F(HandshakeTest, NoCertifyLetsAnUnverifiedChainThroughTheHandshakeButNotTheCheck) {
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;NoCertify=true;CAFile=" + material().expiredCert);
+    HandshakePair pair(client.context(), m_server.context());
+    ASSERT_TRUE(pair.run());
+    EXPECT_NE(SSL_get_verify_result(pair.client), X509_V_OK);
+    try {
+        tools::SSLContext::validateCertificates(pair.client, "localhost");
+        ADD_FAILURE() << "an unverified chain passed";
+    } catch (const tools::InternalException & e) {
+        EXPECT_STREQ(e.what(), "validateCertificates: Certificate doesn't verify");
+    }
+}
+
+TEST_F(HandshakeTest, VerificationOnRefusesAnUnknownIssuerAndSaysWhy) {
+    // "True" is not "true": verification stays on.
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;NoCertify=True;CAFile=" + material().expiredCert);
+    HandshakePair pair(client.context(), m_server.context());
+    LogCapture log;
+    EXPECT_FALSE(pair.run());
+    EXPECT_EQ(pair.clientError, SSL_ERROR_SSL);
+    EXPECT_NE(tools::openSSLErrorText().find("certificate verify failed"), std::string::npos);
+    EXPECT_EQ(log.count(contextCategory, "WARN",
+                        "SSL verify error or warning with certificate at depth 0: unable to get local issuer certificate"),
+              1u);
+    EXPECT_EQ(log.count(contextCategory, "WARN", "certificate issuer /CN=corvane test CA"), 1u);
+    EXPECT_EQ(log.count(contextCategory, "WARN", "certificate subject /CN=localhost"), 1u);
+}
+
+TEST_F(HandshakeTest, ServerWithVerificationOnAcceptsAClientWithoutCertificate) {
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;CAFile=" + material().caFile);
+    HandshakePair pair(client.context(), m_server.context());
+    EXPECT_TRUE(pair.run());
+    EXPECT_EQ(SSL_get_verify_mode(pair.server), SSL_VERIFY_PEER);
+}
+
+TEST_F(HandshakeTest, PKCS12ServerSendsItsChainInTheBundlesOrder) {
+    const auto & m = material();
+    tools::SSLContext server =
+        makeContext("LoadCryptoCertStore=false;PrivatePassword=" + m.password + ";PKCS12File=" + m.pkcs12File);
+    tools::SSLContext client = makeContext("LoadCryptoCertStore=false;CAFile=" + m.caFile);
+    HandshakePair pair(client.context(), server.context());
+    ASSERT_TRUE(pair.run());
+    EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "localhost"));
+    STACK_OF(X509) * chain = SSL_get_peer_cert_chain(pair.client);
+    ASSERT_EQ(sk_X509_num(chain), 2);
+    char issuer[256];
+    X509_NAME_oneline(X509_get_subject_name(sk_X509_value(chain, 1)), issuer, sizeof issuer);
+    EXPECT_STREQ(issuer, "/CN=corvane test CA");
+}
+
+TEST_F(HandshakeTest, EveryTrustLocationIsHonoured) {
+    const auto & m = material();
+    auto expectTrusted = [&](const std::string & options) {
+        SCOPED_TRACE(options);
+        tools::SSLContext client = makeContext(options);
+        HandshakePair pair(client.context(), m_server.context());
+        ASSERT_TRUE(pair.run());
+        EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "localhost"));
+    };
+    expectTrusted("LoadCryptoCertStore=false;CAPath=;CAFile=" + m.caFile);
+    expectTrusted("LoadCryptoCertStore=false;CAPath=" + m.caPath);
+    {
+        // Both empty: OpenSSL's default locations, here pointed at the test CA.
+        ScopedEnvironment file("SSL_CERT_FILE", m.caFile);
+        expectTrusted("LoadCryptoCertStore=false");
+    }
+    {
+        // The system stores: "ROOT" is the bundle, "CA" a directory that does not exist.
+        ScopedEnvironment file("SSL_CERT_FILE", m.rootBundle);
+        ScopedEnvironment directory("SSL_CERT_DIR", m.directory + "/no-such-directory");
+        LogCapture log;
+        expectTrusted("CAFile=" + m.expiredCert);
+        EXPECT_EQ(log.count(contextCategory, "WARN", "not adding expired certificate with subject ='CN=corvane expired CA'"), 1u);
+        EXPECT_EQ(log.countContaining(contextCategory, "unable to decode to x509 certificate for '': openssl:"), 1u);
+        EXPECT_EQ(log.countContaining(contextCategory, "unable to add certificate '': openssl:"), 1u);
+        EXPECT_EQ(log.count(contextCategory, "TRACE", "Adding root certificate for 'CN=corvane test CA'"), 1u);
+        EXPECT_EQ(log.count(contextCategory, "WARN", "Unable to open System Store 'CA'"), 1u);
+    }
+}
+
+TEST_F(SSLContextTest, RealSystemStoresLoadWithoutFailures) {
+    LogCapture log;
+    EXPECT_NO_THROW(makeContext(""));
+    EXPECT_EQ(log.countContaining(contextCategory, "Unable to open System Store"), 0u);
+    EXPECT_EQ(log.countContaining(contextCategory, "unable to"), 0u);
+    EXPECT_GT(log.countContaining(contextCategory, "Adding root certificate for '"), 0u);
+}
+
+}  // namespace
