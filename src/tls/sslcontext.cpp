@@ -141,7 +141,12 @@ SSLContext::SSLContext(SSLContext && other) noexcept
       m_CAPath(std::exchange(other.m_CAPath, std::string())),
       m_PKCS12File(std::exchange(other.m_PKCS12File, std::string())),
       m_CipherList(std::exchange(other.m_CipherList, std::string())),
-      m_EnableWeakMethods(std::exchange(other.m_EnableWeakMethods, std::string())) {}
+      m_EnableWeakMethods(std::exchange(other.m_EnableWeakMethods, std::string())) {
+    // The password callback finds the password through the object that set it up.
+    if (m_ctx != nullptr && SSL_CTX_get_default_passwd_cb_userdata(m_ctx) == &other) {
+        SSL_CTX_set_default_passwd_cb_userdata(m_ctx, this);
+    }
+}
 
 SSLContext::~SSLContext() {
     if (m_ctx != nullptr) {
@@ -166,6 +171,10 @@ void SSLContext::setup(bool /*unused*/) {
     const bool weakMethods = net::OptionMap::isTrue(m_EnableWeakMethods);
     const bool noCertify = net::OptionMap::isTrue(m_NoCertify);
 
+    // A second setup starts afresh; SSL objects made from the old context keep it alive.
+    if (m_ctx != nullptr) {
+        SSL_CTX_free(std::exchange(m_ctx, nullptr));
+    }
     // 1, 2. One method for both roles: whether the context serves a client or a server is
     // settled by SSL_connect or SSL_accept later.
     const SSL_METHOD * method = TLS_method();
