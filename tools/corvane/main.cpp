@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host.h"
+#include "proxyinfo.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ const char * const kUsage =
     "\n"
     "commands:\n"
     "  info        load the module and list the transports it serves\n"
+    "  proxy-info  list the proxies that a connection to a URL would try\n"
     "\n"
     "options:\n"
     "  --module PATH       the module to load (default: $CORVANE_MODULE, else the built one)\n"
@@ -79,6 +81,9 @@ int main(int argc, char ** argv) {
         cli::configureLogging(logLevel, logConfig);
         if (command == "info") {
             return commandInfo(cli::loadModule(modulePath), modulePath, rest);
+        }
+        if (command == "proxy-info") {
+            return cli::commandProxyInfo(rest);
         }
         throw cli::UsageError("unknown command '" + command + "'");
     } catch (const cli::UsageError & e) {
