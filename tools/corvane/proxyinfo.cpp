@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 
 #include "corvane/uri.h"
 #include "host.h"
@@ -30,7 +31,12 @@ int commandProxyInfo(const std::vector<std::string> & args) {
         uri.setScheme("https");
     }
     std::unique_ptr<ProxyResolver::IResolver> resolver(ProxyResolver::createResolver());
-    std::unique_ptr<ProxyResolver::IResult> result(resolver->resolve(uri.ToString().c_str()));
+    std::unique_ptr<ProxyResolver::IResult> result;
+    try {
+        result.reset(resolver->resolve(uri.ToString().c_str()));
+    } catch (const ProxyResolver::Exception & e) {
+        throw std::runtime_error(std::string("the URL is not valid UTF-8 (") + e.what() + ")");
+    }
     for (unsigned int i = 0; i < result->proxyCount(); ++i) {
         std::cout << result->proxy(i).URI() << "\n";
     }
