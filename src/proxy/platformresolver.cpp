@@ -131,7 +131,8 @@ void appendEntry(std::string & list, const std::string & entry) {
 // Reads one proxy variable into `settings`: "pac+URL" and "wpad://" ask for automatic
 // configuration, "direct://" for none, anything else is the address of an http proxy for
 // the schemes of `entryPrefix` ("http=", "https=", or "" for all). Returns whether the
-// variable is set to anything.
+// variable is set to anything. libproxy, which evaluates automatic configuration, reads it
+// from http_proxy and https_proxy alone, so all_proxy cannot ask for it.
 bool readProxyVariable(const char * lowerName, const char * upperName, const char * entryPrefix,
                        InternetExplorerSettings & settings) {
     const char * name = nullptr;
@@ -139,6 +140,12 @@ bool readProxyVariable(const char * lowerName, const char * upperName, const cha
     const std::string value = trimmed(raw != nullptr ? raw : "");
     if (value.empty()) {
         return false;
+    }
+    const bool automatic = startsWithNoCase(value, "pac+") || startsWithNoCase(value, "wpad://");
+    if (automatic && *entryPrefix == '\0') {
+        LOG4CXX_WARN(logger, "ignoring " << name << "='" << value
+                                         << "': a PAC script or WPAD is read from http_proxy and https_proxy only");
+        return true;
     }
     if (startsWithNoCase(value, "pac+")) {
         const std::string url = value.substr(4);
@@ -174,7 +181,7 @@ std::string bypassFromNoProxy(const std::string & value) {
     std::string::size_type position = 0;
     while (position < value.size()) {
         const std::string::size_type next = value.find_first_of(", ;\t\r\n\f\v", position);
-        const std::string item = value.substr(position, next == std::string::npos ? std::string::npos : next - position);
+        const std::string item = value.substr(position, next == std::string::npos ? next : next - position);
         position = next == std::string::npos ? value.size() : next + 1;
         if (item.empty()) {
             continue;
@@ -207,9 +214,8 @@ InternetExplorerSettings getInternetExplorerSettings() {
     settings.proxyBypass = bypassFromNoProxy(noProxy != nullptr ? noProxy : "");
     settings.desktop = !anySet;
     LOG4CXX_INFO(logger, "Retrieved internet explorer settings: AutoDetect=" << (settings.autoDetect ? "True" : "False")
-                                                                                << " AutoConfigUrl='" << settings.autoConfigUrl
-                                                                                << "' Proxy='" << settings.proxy
-                                                                                << "' ProxyBypass='" << settings.proxyBypass << "'");
+                             << " AutoConfigUrl='" << settings.autoConfigUrl << "' Proxy='" << settings.proxy
+                             << "' ProxyBypass='" << settings.proxyBypass << "'");
     return settings;
 }
 
@@ -261,7 +267,8 @@ ProxyInfo getProxyInfo(IProxyDiscovery & session, const std::string & uri, const
             }
         }
     }
-    LOG4CXX_INFO(logger, "Using Proxy='" << info.proxy << "' and ProxyBypass='" << info.proxyBypass << "' for uri='" << uri << "'");
+    LOG4CXX_INFO(logger, "Using Proxy='" << info.proxy << "' and ProxyBypass='" << info.proxyBypass << "' for uri='" << uri
+                                         << "'");
     return info;
 }
 

@@ -211,9 +211,11 @@ TEST_F(EnvironmentMapping, PacUrlAsksDiscoveryWhoseProxiesReplaceTheStaticOnes) 
 
 TEST_F(EnvironmentMapping, FailedDiscoveryKeepsTheStaticSettings) {
     corvane_test::LogCapture log;
-    m_environment.set("all_proxy", "wpad://");
+    m_environment.set("http_proxy", "wpad://");
     m_environment.set("https_proxy", "static:1");
+    m_environment.set("all_proxy", "pac+http://127.0.0.1:9/ignored.pac");
     EXPECT_EQ(texts("https://x/", {}, false), "https=static:1 | ");
+    EXPECT_EQ(log.countContaining("ProxyResolver.PlatformResolver", "ignored.pac"), 1u);  // the warning alone
     EXPECT_EQ(log.count("ProxyResolver.PlatformResolver", "INFO", "Enable autodetect of WPAD / PAC through DHCP and DNS"), 1u);
     EXPECT_EQ(log.count("ProxyResolver.PlatformResolver", "ERROR", "px_proxy_factory_get_proxies: error: no answer for 'https://x/'"), 1u);
 }
