@@ -51,7 +51,6 @@ public:
     }
 
     unsigned short port() const { return m_port; }
-    int requests() const { return m_requests; }
 
 private:
     void serve() {
@@ -82,9 +81,6 @@ private:
             }
             request.append(buffer, static_cast<std::size_t>(got));
         }
-        if (request.rfind("GET /proxy.pac ", 0) == 0) {
-            ++m_requests;
-        }
         const std::string response = "HTTP/1.0 200 OK\r\nContent-Type: application/x-ns-proxy-autoconfig\r\n"
                                      "Content-Length: " + std::to_string(m_body.size()) + "\r\nConnection: close\r\n\r\n" + m_body;
         send(connection, response.data(), response.size(), MSG_NOSIGNAL);
@@ -94,7 +90,6 @@ private:
     int m_listener = -1;
     unsigned short m_port = 0;
     std::atomic<bool> m_stop{false};
-    std::atomic<int> m_requests{0};
     std::thread m_thread;
 };
 
@@ -116,7 +111,6 @@ TEST(PacScript, ServedOnLoopbackIsEvaluatedToItsHttpProxiesInOrder) {
     EXPECT_EQ(proxiesFor(*resolver, "http://example.test/"), std::vector<std::string>({"127.0.0.1:3128", "127.0.0.1:3129"}));
     EXPECT_EQ(proxiesFor(*resolver, "https://example.test/"), std::vector<std::string>({"127.0.0.1:3130"}));
     EXPECT_EQ(proxiesFor(*resolver, "http://web.corp.test/"), std::vector<std::string>());
-    EXPECT_GE(server.requests(), 1);
 }
 
 TEST(PacScript, UnreachableScriptMeansDirect) {

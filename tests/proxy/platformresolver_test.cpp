@@ -235,6 +235,7 @@ TEST_F(EnvironmentMapping, BadUrlAndUnreadableSettingsThrow) {
             ADD_FAILURE() << "no exception";
         } catch (const ProxyResolver::Exception & e) {
             EXPECT_EQ(e.code(), -2);
+            EXPECT_STREQ(e.what(), "error in utf8/unicode conversion");
         }
     }
     EXPECT_NO_THROW(resolver.resolve("http://h/\xc3\xa9\xf0\x9f\x98\x80", proxies));
