@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host.h"
+#include "proxyinfo.h"
 
 namespace cli {
 int commandServe(const Context & context, const std::vector<std::string> & args);
@@ -23,6 +24,7 @@ const char * const kUsage =
     "  info        load the module and list the transports it serves\n"
     "  serve       a channel server that echoes or discards\n"
     "  connect     join stdin and stdout to a channel, like nc\n"
+    "  proxy-info  list the proxies that a connection to a URL would try\n"
     "\n"
     "options:\n"
     "  --module PATH       the module to load (default: $CORVANE_MODULE, else the built one)\n"
@@ -102,6 +104,10 @@ int main(int argc, char ** argv) {
                 context.module = cli::loadModule(modulePath);
                 return entry.second(context, rest);
             }
+        }
+        if (command == "proxy-info") {
+            cli::configureLogging(logLevel, logConfig);
+            return cli::commandProxyInfo(rest);
         }
         throw cli::UsageError("unknown command '" + command + "'");
     } catch (const cli::UsageError & e) {
