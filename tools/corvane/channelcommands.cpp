@@ -207,9 +207,10 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
     Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
     reactor->startProcessing();
+    Common::SmartPtr<net::IChannelAcceptor> acceptor(new ServeAcceptor(echo));
     Common::SmartPtr<net::IChannelServer> server;
     try {
-        server = factory->startChannelServer(reactor.get(), uri.c_str(), new ServeAcceptor(echo), options.c_str());
+        server = factory->startChannelServer(reactor.get(), uri.c_str(), acceptor.get(), options.c_str());
     } catch (...) {
         reactor->stopProcessing();
         throw;
