@@ -53,6 +53,30 @@ public:
 
     static constexpr std::size_t kSetCapacity = 1024;
 
+    // Holds the reactor's lock for a scope when the caller is not the reactor thread (and
+    // nothing on the reactor thread). A subscriber's owner uses it to read the socket handle
+    // and reactor reference that the reactor writes under that lock when it ends the
+    // subscriber, e.g. in close() called on a host thread just after onClose.
+    class ForeignThreadGuard {
+    public:
+        explicit ForeignThreadGuard(SelectReactor * reactor)
+            : m_lock(reactor != nullptr && !reactor->onReactorThread() ? &reactor->m_lock : nullptr) {
+            if (m_lock != nullptr) {
+                m_lock->Acquire();
+            }
+        }
+        ~ForeignThreadGuard() {
+            if (m_lock != nullptr) {
+                m_lock->Release();
+            }
+        }
+        ForeignThreadGuard(const ForeignThreadGuard &) = delete;
+        ForeignThreadGuard & operator=(const ForeignThreadGuard &) = delete;
+
+    private:
+        Common::Lock * m_lock;
+    };
+
 private:
     struct Command {
         bool add;

@@ -37,13 +37,18 @@ TCPChannel::~TCPChannel() = default;
 
 void TCPChannel::close() {
     LOG4CXX_INFO(logger, "close[" << m_description << "]()");
-    if (m_reactor) {
-        Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    {
+        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+        reactor = m_reactor;
         m_reactor = nullptr;
+    }
+    if (reactor) {
         reactor->unregisterSubscriber(this);
     }
     // Only now that the reactor has let go of the socket may it be closed: the reactor
     // must never wait on a closed (and perhaps reused) descriptor.
+    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
     if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
         socketio::SocketClose(m_socket);
         m_socket = socketio::INVALID_SOCKET_HANDLE;
@@ -89,6 +94,9 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
 
 void TCPChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
     m_reactor = reactor;
+    if (reactor != nullptr && !m_homeReactor) {
+        m_homeReactor = reactor;
+    }
     m_lastEventTime = now;
 }
 

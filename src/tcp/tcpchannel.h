@@ -51,6 +51,9 @@ private:
     unsigned int m_socket;
     Common::SmartPtr<net::IChannelHandler> m_channelHandler;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
+    // The reactor this channel was first registered with, kept after removal so that close()
+    // on a host thread can synchronise with the reactor ending the channel.
+    Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
     std::uint64_t m_lastEventTime;
     std::string m_localURI;
     std::string m_peerURI;

@@ -24,10 +24,15 @@ TCPChannelServer::~TCPChannelServer() = default;
 
 void TCPChannelServer::close() {
     LOG4CXX_INFO(logger, "close[" << m_localURI << "]()");
-    if (m_reactor) {
-        Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    {
+        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+        reactor = m_reactor;
+    }
+    if (reactor) {
         reactor->unregisterSubscriber(this);
     }
+    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
     if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
         socketio::SocketClose(m_socket);
         m_socket = socketio::INVALID_SOCKET_HANDLE;
@@ -36,6 +41,9 @@ void TCPChannelServer::close() {
 
 void TCPChannelServer::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & /*now*/) {
     m_reactor = reactor;
+    if (reactor != nullptr && !m_homeReactor) {
+        m_homeReactor = reactor;
+    }
 }
 
 bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*now*/) noexcept {

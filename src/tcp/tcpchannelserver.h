@@ -38,6 +38,7 @@ private:
 
     unsigned int m_socket;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
+    Common::SmartPtr<socketio::SelectReactor> m_homeReactor;  // as in TCPChannel
     Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
     socketio::socket_options m_socketOptions;
     std::string m_localURI;

@@ -6,9 +6,13 @@
 #include <string>
 
 #include "corvane/exception.h"
+#include "expect.h"
 #include "logcapture.h"
 
 namespace {
+
+using corvane_test::thrownText;
+using corvane_test::waitFor;
 
 // A protocol that records what the factory forwards to it.
 class RecordingProtocol : public net::ITransportProtocol {
@@ -41,15 +45,6 @@ private:
     const char * m_name;
     int * m_destroyed;
 };
-
-std::string thrownText(const std::function<void()> & call) {
-    try {
-        call();
-    } catch (const net::RuntimeException & e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
 
 TEST(ChannelFactory, LookupIsExactAndUnknownSchemesAreNull) {
     Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));

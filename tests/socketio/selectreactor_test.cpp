@@ -16,25 +16,17 @@
 
 #include "common/platformthread.h"
 #include "common/timedelta.h"
+#include "expect.h"
 #include "logcapture.h"
 #include "socketio/socketfunctions.h"
 #include "sockets.h"
 
 namespace {
 
-using socketio::SelectReactor;
+using corvane_test::thrownText;
+using corvane_test::waitFor;
 
-// Waits until `done` holds, for at most `milliseconds`.
-bool waitFor(const std::function<bool()> & done, int milliseconds = 3000) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using socketio::SelectReactor;
 
 // A subscriber over one socket that records what the reactor does to it. Its read path
 // behaves as a channel's: data is consumed, end of stream and a closed socket end it.
@@ -118,15 +110,6 @@ struct SocketPair {
     }
     int peer() const { return ends[1]; }
 };
-
-std::string thrownText(const std::function<void()> & call) {
-    try {
-        call();
-    } catch (const net::RuntimeException & e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
 
 TEST(SelectReactor, StartsAndStopsPromptlyTwiceAndRefusesWhenNotRunning) {
     corvane_test::LogCapture log;

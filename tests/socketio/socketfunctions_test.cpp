@@ -9,12 +9,16 @@
 #include <functional>
 #include <string>
 
+#include "expect.h"
 #include "logcapture.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/socketexception.h"
 #include "sockets.h"
 
 namespace {
+
+using corvane_test::thrownText;
+using corvane_test::waitFor;
 
 using socketio::socket_options;
 
@@ -23,15 +27,6 @@ int intOption(unsigned int fd, int level, int name) {
     socklen_t length = sizeof value;
     getsockopt(static_cast<int>(fd), level, name, &value, &length);
     return value;
-}
-
-std::string thrownText(const std::function<void()> & call) {
-    try {
-        call();
-    } catch (const net::RuntimeException & e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
 }
 
 unsigned short localPort(unsigned int fd) {

@@ -17,6 +17,7 @@
 #include "corvane/uri.h"
 #include "echoserver.h"
 #include "framework/channelfactory.h"
+#include "expect.h"
 #include "logcapture.h"
 #include "recordinghandler.h"
 #include "socketio/selectreactor.h"
@@ -24,19 +25,11 @@
 
 namespace {
 
+using corvane_test::thrownText;
+using corvane_test::waitFor;
+
 using corvane_test::EchoHandler;
 using corvane_test::RecordingHandler;
-
-bool waitFor(const std::function<bool()> & done, int milliseconds = 5000) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 std::string pattern(size_t size) {
     std::string data(size, '\0');
@@ -184,16 +177,18 @@ TEST_F(TcpTransport, CloseInsideOnReadStillDeliversOnWriteWhoseSendFails) {
     corvane_test::EchoServer peer;
     Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
     client->alwaysWantWrite = true;
-    std::string uri = "tcp://127.0.0.1:" + std::to_string(peer.port());
-    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+    std::atomic<net::IChannel *> opened{nullptr};
     std::atomic<bool> closed{false};
+    // Nothing is sent before the channel is known, so the first echo, and with it the first
+    // onRead, comes after it.
     client->onReadHook = [&](net::IReadDataStream *) {
-        channel->close();
+        opened.load()->close();
         closed = true;
     };
-    client->onWriteHook = [&](net::IWriteDataStream * stream) {
-        return closed ? stream->send(1, "x") : stream->send(1, "x");
-    };
+    client->onWriteHook = [&](net::IWriteDataStream * stream) { return opened.load() ? stream->send(1, "x") : 0; };
+    std::string uri = "tcp://127.0.0.1:" + std::to_string(peer.port());
+    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
+    opened = channel.get();
     ASSERT_TRUE(waitFor([&] { return closed.load() && client->lastSend.load() == -1; }));
     EXPECT_EQ(client->writes.load() > 0, true);
     EXPECT_EQ(log.count("corvane.tcp.TCPChannel", "ERROR", "send: failed with error code '9' : Bad file descriptor"), 1u);
