@@ -44,6 +44,16 @@ void TunnelEndPoint::setPeer_i(TunnelEndPoint * peer) {
     m_peerForPoll.store(peer);
 }
 
+bool TunnelEndPoint::JoinPair(TunnelEndPoint * first, TunnelEndPoint * second) {
+    Common::ScopedLock guard(&first->m_lock->m_lock);
+    if (second->m_closed.load()) {
+        return false;
+    }
+    second->setPeer_i(first);
+    first->setPeer_i(second);
+    return true;
+}
+
 std::string TunnelEndPoint::lockedDescription() {
     Common::ScopedLock guard(&m_lock->m_lock);
     return m_description;

@@ -49,6 +49,9 @@ public:
     // Takes the shared lock. Null keeps the texts as they were.
     void setChannel(IChannel * channel);
     const Common::SmartPtr<SmartLock> & getLock() const { return m_lock; }
+    // Any thread; takes the shared lock of both (one lock). Joins the two halves of a tunnel:
+    // false, and nothing joined, when `second` has already closed.
+    static bool JoinPair(TunnelEndPoint * first, TunnelEndPoint * second);
     // Fixed once the channel is set; the store reads it as the key of its map.
     const std::string & getDescription() const { return m_description; }
 

@@ -64,15 +64,23 @@ IChannelHandler * TunnelService::accept(IChannel * channel) {
     }
     Common::SmartPtr<TunnelEndPoint::SmartLock> lock(new TunnelEndPoint::SmartLock);
     Common::SmartPtr<TunnelEndPoint> endPoint(new TunnelEndPoint(lock.get(), m_store.get(), channel, m_bufferSize));
-    m_store->storeTunnel(endPoint.get());
+    // The channel holds the end point from here on. Otherwise a target that refuses at once
+    // lets the creator thread close and drop the end point before the server has taken the
+    // handler that this call returns.
+    channel->setChannelHandler(endPoint.get());
+    bool stored = false;
     try {
+        m_store->storeTunnel(endPoint.get());
+        stored = true;
         m_creatorThread->submit(endPoint, m_endpoint.get());
     } catch (...) {
-        // Nothing would ever close it: take it out of the map again; the server closes the socket.
-        m_store->removeTunnel(endPoint.get());
+        // Nothing would ever close it: undo, and the server closes the socket.
+        if (stored) {
+            m_store->removeTunnel(endPoint.get());
+        }
+        channel->setChannelHandler(nullptr);
         throw;
     }
-    // The store's map and the job hold the end point now.
     return endPoint.get();
 }
 

@@ -158,20 +158,14 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * end
         channel->close();
         throw;
     }
-    Common::Lock & shared = peer->getLock()->m_lock;
-    bool targetEnded = false;
+    // The target may have ended its connection before the pair is joined; its onClose then
+    // found neither a peer nor (before storeTunnel) an entry in the map.
+    const bool targetEnded = !TunnelEndPoint::JoinPair(peer, newEndPoint.get());
     bool peerHasChannel = false;
-    {
+    Common::Lock & shared = peer->getLock()->m_lock;
+    if (!targetEnded) {
         Common::ScopedLock guard(&shared);
-        if (newEndPoint->m_closed.load()) {
-            // The target ended its connection before the pair was joined; its onClose found
-            // neither a peer nor (before storeTunnel) an entry in the map.
-            targetEnded = true;
-        } else {
-            newEndPoint->setPeer_i(peer);
-            peer->setPeer_i(newEndPoint.get());
-            peerHasChannel = static_cast<bool>(peer->m_channel);
-        }
+        peerHasChannel = static_cast<bool>(peer->m_channel);
     }
     if (targetEnded) {
         removeTunnel(newEndPoint.get());
