@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "commands.h"
 #include "host.h"
 
 namespace {
@@ -81,6 +82,7 @@ int main(int argc, char ** argv) {
         using Command = int (*)(const cli::Context &, const std::vector<std::string> &);
         const std::vector<std::pair<std::string, Command>> commands = {
             {"info", commandInfo},
+            {"tunnel", commandTunnel},
         };
         for (const auto & entry : commands) {
             if (entry.first == command) {
