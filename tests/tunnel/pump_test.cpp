@@ -130,6 +130,9 @@ TEST(TunnelPump, EveryFailurePointLeavesAnOrderedPrefixAndAClosedPair) {
             EXPECT_EQ(toTarget.received, forward);
             EXPECT_EQ(toClient.received, backward);
             completed = true;
+            // Closing one half breaks the pair's cycle from both ends.
+            a->close();
+            EXPECT_FALSE(net::TunnelEndPoint::JoinPair(a.get(), b.get()));
             continue;
         }
         // Closed for good: both halves, with nothing left to write and nothing read any more.
