@@ -10,6 +10,7 @@
 #include "framework/optionmap.h"
 #include "net/internalexception.h"
 #include "socketio/selectreactor.h"
+#include "tunnel/tunnelstore.h"
 
 namespace net {
 
@@ -31,12 +32,12 @@ IReactor * ModuleImpl::createReactor(int deadSocketCheckInterval, int deadSocket
 }
 
 ITunnelStore * ModuleImpl::createTunnelStore(IReactor * reactor, IChannelFactory * factory,
-                                             unsigned int /*tunnelParameter*/) {
+                                             unsigned int tunnelParameter) {
     if (reactor == nullptr) {
         throw InternalException("reactor argument to createTunnelStore cannot be null", true);
     }
     Common::SmartPtr<IChannelFactory> usedFactory(factory != nullptr ? factory : new ChannelFactory(SocketOptions()));
-    throw InternalException("createTunnelStore: this build has no tunnel store", true);
+    return new TunnelStore(reactor, usedFactory.get(), tunnelParameter);
 }
 
 bool ModuleImpl::RunSelfChecks() {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "commands.h"
 #include "host.h"
 
 namespace cli {

@@ -7,13 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "commands.h"
 #include "host.h"
 #include "proxyinfo.h"
-
-namespace cli {
-int commandServe(const Context & context, const std::vector<std::string> & args);
-int commandConnect(const Context & context, const std::vector<std::string> & args);
-}  // namespace cli
 
 namespace {
 
@@ -24,6 +20,7 @@ const char * const kUsage =
     "  info        load the module and list the transports it serves\n"
     "  serve       a channel server that echoes or discards\n"
     "  connect     join stdin and stdout to a channel, like nc\n"
+    "  tunnel      forward every connection on one URI to another\n"
     "  proxy-info  list the proxies that a connection to a URL would try\n"
     "\n"
     "options:\n"
@@ -95,6 +92,7 @@ int main(int argc, char ** argv) {
             {"info", commandInfo},
             {"serve", cli::commandServe},
             {"connect", cli::commandConnect},
+            {"tunnel", commandTunnel},
         };
         for (const auto & entry : commands) {
             if (entry.first == command) {

@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# Throughput and connection rate through `corvane tunnel` (tcp to tcp), against socat doing the
+# same forwarding and against the direct connection. Loopback only; every server is started here
+# on a free port and killed by its PID on exit.
+#   CORVANE      the corvane binary (default build/tools/corvane/corvane)
+#   TUNNELBENCH  the peer and client program (default: bench/tunnelbench beside corvane's build)
+#   REPEAT       repetitions of each figure (default 5)
+set -euo pipefail
+
+CORVANE=${CORVANE:-build/tools/corvane/corvane}
+TUNNELBENCH=${TUNNELBENCH:-$(dirname "$CORVANE")/../../bench/tunnelbench}
+REPEAT=${REPEAT:-5}
+BULK_BYTES=${BULK_BYTES:-268435456}
+RATE_SECONDS=${RATE_SECONDS:-1}
+
+for program in "$CORVANE" "$TUNNELBENCH"; do
+    [[ -x $program ]] || { echo "tunnel.sh: $program is not built" >&2; exit 1; }
+done
+command -v socat >/dev/null || { echo "tunnel.sh: socat is missing (scripts/install-deps)" >&2; exit 1; }
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# wait_for COMMAND...: retries for up to 5 s.
+wait_for() {
+    for _ in $(seq 1 250); do "$@" && return 0; sleep 0.02; done
+    echo "tunnel.sh: timed out waiting for: $*" >&2
+    return 1
+}
+
+# The listening port of a process, from ss.
+port_of_pid() {
+    ss -ltnpH 2>/dev/null | awk -v pid="pid=$1," 'index($0, pid) { n = split($4, a, ":"); print a[n]; exit }'
+}
+
+"$TUNNELBENCH" serve >"$work/server" &
+pids+=($!)
+wait_for test -s "$work/server"
+server_port=$(head -n1 "$work/server")
+
+"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$server_port" >"$work/corvane" &
+pids+=($!)
+wait_for grep -q '^listening on ' "$work/corvane"
+corvane_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/corvane")
+
+socat TCP-LISTEN:0,bind=127.0.0.1,fork,reuseaddr "TCP:127.0.0.1:$server_port" &
+socat_pid=$!
+pids+=($socat_pid)
+wait_for test -n "$(port_of_pid "$socat_pid")"
+socat_port=$(port_of_pid "$socat_pid")
+
+# stats VALUES...: "median min max"
+stats() {
+    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
+}
+
+# measure MODE ARGUMENT: runs each target in turn, REPEAT times, and prints one figure line.
+measure() {
+    local mode=$1 argument=$2 label=$3 unit=$4
+    local -A runs=()
+    for _ in $(seq 1 "$REPEAT"); do
+        for target in corvane socat direct; do
+            case $target in
+                corvane) port=$corvane_port ;;
+                socat) port=$socat_port ;;
+                direct) port=$server_port ;;
+            esac
+            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$port" "$argument")"
+        done
+    done
+    local line="$label:" median
+    declare -A medians=()
+    for target in corvane socat direct; do
+        # shellcheck disable=SC2086
+        read -r median min max < <(stats ${runs[$target]})
+        medians[$target]=$median
+        line+=" $target $median $unit (min/median/max $min/$median/$max),"
+    done
+    line=${line%,}
+    line+=$(awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
+        'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f", c / s, c / d }')
+    echo "$line"
+}
+
+measure bulk "$BULK_BYTES" "tunnel throughput" "MB/s"
+measure rate "$RATE_SECONDS" "tunnel connection rate" "conn/s"

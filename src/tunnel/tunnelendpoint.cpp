@@ -1,0 +1,240 @@
+#include "tunnel/tunnelendpoint.h"
+
+#include <climits>
+#include <cstdlib>
+
+#include "common/logging.h"
+#include "tunnel/tunnelstore.h"
+
+namespace net {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.net.TunnelEndPoint");
+
+// One stream call moves at most this much: the streams count in int.
+constexpr std::uint32_t kMaxStreamCall = INT_MAX;
+}  // namespace
+
+TunnelEndPoint::TunnelEndPoint(SmartLock * lock, TunnelStore * store, IChannel * channel, unsigned int bufferSize)
+    : TunnelEndPoint(lock, store, bufferSize) {
+    setChannel(channel);
+}
+
+TunnelEndPoint::TunnelEndPoint(SmartLock * lock, TunnelStore * store, unsigned int bufferSize)
+    : m_lock(lock),
+      m_store(store),
+      m_closed(false),
+      m_bufferSize(bufferSize),
+      m_buffer(nullptr),
+      m_bufferEnd(nullptr),
+      m_readPos(nullptr),
+      m_writePos(nullptr),
+      m_filled(0),
+      m_free(0),
+      m_peerForPoll(nullptr),
+      m_description("{Not fully initialized TunnelEndpoint}") {}
+
+TunnelEndPoint::~TunnelEndPoint() {
+    LOG4CXX_TRACE(logger, "dtor[" << m_description << "]");
+    std::free(m_buffer);
+}
+
+void TunnelEndPoint::setPeer_i(TunnelEndPoint * peer) {
+    m_peer = peer;
+    m_peerForPoll.store(peer);
+}
+
+bool TunnelEndPoint::JoinPair(TunnelEndPoint * first, TunnelEndPoint * second) {
+    Common::ScopedLock guard(&first->m_lock->m_lock);
+    if (second->m_closed.load()) {
+        return false;
+    }
+    second->setPeer_i(first);
+    first->setPeer_i(second);
+    return true;
+}
+
+std::string TunnelEndPoint::lockedDescription() {
+    Common::ScopedLock guard(&m_lock->m_lock);
+    return m_description;
+}
+
+bool TunnelEndPoint::hasPendingWrite() {
+    TunnelEndPoint * peer = m_peerForPoll.load();
+    return peer != nullptr && peer->m_filled.load(std::memory_order_relaxed) > 0;
+}
+
+void TunnelEndPoint::onRead(IReadDataStream * stream) {
+    if (m_closed.load()) {
+        return;
+    }
+    bool allocationFailed = false;
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        // Logged under the lock: the outgoing end point gets its description from setChannel on
+        // the creator thread, possibly while its channel already delivers events.
+        LOG4CXX_TRACE(logger, "onRead[" << m_description << "]");
+        if (m_closed.load()) {
+            return;
+        }
+        if (m_buffer == nullptr && m_bufferSize > 0) {
+            // The ring comes into being with the first read: an idle direction costs no memory.
+            m_buffer = static_cast<char *>(std::malloc(m_bufferSize));
+            if (m_buffer == nullptr) {
+                allocationFailed = true;
+            } else {
+                m_bufferEnd = m_buffer + m_bufferSize;
+                m_readPos = m_buffer;
+                m_writePos = m_buffer;
+                m_filled.store(0);
+                m_free = m_bufferSize;
+            }
+        }
+        if (!allocationFailed) {
+            if (m_free == 0) {
+                return;
+            }
+            std::uint32_t length = m_free;
+            if (static_cast<std::size_t>(m_bufferEnd - m_writePos) < length) {
+                length = static_cast<std::uint32_t>(m_bufferEnd - m_writePos);
+            }
+            if (length > kMaxStreamCall) {
+                length = kMaxStreamCall;
+            }
+            int received = stream->recv(static_cast<int>(length), m_writePos);
+            // A negative result (nothing to read, or a failure that ends the channel anyway)
+            // moves nothing: applied as it stood it would wrap the counters and let onWrite
+            // read outside the ring.
+            if (received > 0) {
+                const auto moved = static_cast<std::uint32_t>(received);
+                m_free -= moved;
+                m_filled.fetch_add(moved, std::memory_order_relaxed);
+                m_writePos += moved;
+                if (m_writePos == m_bufferEnd) {
+                    m_writePos = m_buffer;
+                }
+            }
+            return;
+        }
+    }
+    LOG4CXX_ERROR(logger, "onRead[" << lockedDescription() << "]: cannot allocate a ring of " << m_bufferSize
+                                    << " bytes, closing the tunnel");
+    close();
+}
+
+void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
+    Common::ScopedLock guard(&m_lock->m_lock);
+    LOG4CXX_TRACE(logger, "onWrite[" << m_description << "]");
+    TunnelEndPoint * peer = m_peer.get();
+    if (peer == nullptr) {
+        return;
+    }
+    std::uint32_t length = peer->m_filled.load(std::memory_order_relaxed);
+    if (length == 0) {
+        return;
+    }
+    if (static_cast<std::size_t>(peer->m_bufferEnd - peer->m_readPos) < length) {
+        length = static_cast<std::uint32_t>(peer->m_bufferEnd - peer->m_readPos);
+    }
+    if (length > kMaxStreamCall) {
+        length = kMaxStreamCall;
+    }
+    int sent = stream->send(static_cast<int>(length), peer->m_readPos);
+    // 0: the stream would block, retry on the next onWrite. Negative: the channel failed and
+    // its onClose or onError follows; moving the positions by it would corrupt the ring.
+    if (sent > 0) {
+        const auto moved = static_cast<std::uint32_t>(sent);
+        peer->m_filled.fetch_sub(moved, std::memory_order_relaxed);
+        peer->m_free += moved;
+        peer->m_readPos += moved;
+        if (peer->m_readPos == peer->m_bufferEnd) {
+            peer->m_readPos = peer->m_buffer;
+        }
+    }
+}
+
+void TunnelEndPoint::onClose() {
+    if (m_closed.load()) {
+        return;
+    }
+    // Removal from the map may drop the last reference but this one.
+    Common::SmartPtr<TunnelEndPoint> keep(this);
+    Common::SmartPtr<TunnelEndPoint> peer;
+    Common::SmartPtr<TunnelStore> store;
+    Common::SmartPtr<IChannel> channel;
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        LOG4CXX_INFO(logger, "onClose[" << m_description << "]");
+        if (m_closed.load()) {
+            return;
+        }
+        m_closed.store(true);
+        // Not closed here: the channel is what reported the end.
+        channel = std::move(m_channel);
+        peer = m_peer;
+        setPeer_i(nullptr);
+        if (peer) {
+            peer->setPeer_i(nullptr);
+        }
+        store = std::move(m_store);
+        if (store) {
+            store->removeTunnel(this);
+        }
+    }
+    // The references go only now, outside the shared lock.
+    if (peer) {
+        peer->close();
+    }
+}
+
+void TunnelEndPoint::onError() {
+    LOG4CXX_INFO(logger, "onError[" << lockedDescription() << "]");
+    onClose();
+}
+
+void TunnelEndPoint::close() {
+    Common::SmartPtr<TunnelEndPoint> keep(this);
+    Common::SmartPtr<IChannel> channel;
+    Common::SmartPtr<TunnelEndPoint> peer;
+    Common::SmartPtr<TunnelStore> store;
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        LOG4CXX_TRACE(logger, "close[" << m_description << "]()");
+        if (m_closed.load()) {
+            return;
+        }
+        m_closed.store(true);
+        channel = std::move(m_channel);
+        peer = m_peer;
+        setPeer_i(nullptr);
+        if (peer) {
+            peer->setPeer_i(nullptr);
+        }
+        store = std::move(m_store);
+        if (store) {
+            store->removeTunnel(this);
+        }
+    }
+    // Outside the lock: closing a channel may call onClose back on this end point, and the
+    // peer's close takes the same shared lock. The peer's m_peer is already null, so the
+    // recursion stops there.
+    if (channel) {
+        channel->close();
+    }
+    if (peer) {
+        peer->close();
+    }
+}
+
+void TunnelEndPoint::setChannel(IChannel * channel) {
+    Common::ScopedLock guard(&m_lock->m_lock);
+    m_channel = channel;
+    if (channel != nullptr) {
+        m_localURI = channel->getLocalURI();
+        m_peerURI = channel->getPeerURI();
+        m_description = "{TunnelEndPoint, " + m_localURI + " <-> " + m_peerURI + "}";
+    }
+    LOG4CXX_TRACE(logger, "setChannel[" << m_description << "]");
+}
+
+}  // namespace net

@@ -1,0 +1,88 @@
+// net::TunnelEndPoint: the handler of one channel of a tunnel and one half of its data pump.
+// Its ring holds what its own channel has read and the peer's channel has not yet written.
+// Kept alive by its channel (as handler), the store's map and its peer; closing drops all three.
+// Callbacks run on the reactor thread, close() on any thread, setChannel on the creator thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "common/lock.h"
+#include "corvane/channel.h"
+
+namespace net {
+
+class TunnelStore;
+
+class TunnelEndPoint : public IChannelHandler {
+public:
+    // One per tunnel, shared by both end points: it guards both rings, both peer pointers,
+    // both channel references and both closed flags, so that no peer is ever half gone.
+    class SmartLock : public Common::IRefCnt {
+    public:
+        Common::Lock m_lock;
+    };
+
+    // For an accepted channel: the description is known at once.
+    TunnelEndPoint(SmartLock * lock, TunnelStore * store, IChannel * channel, unsigned int bufferSize);
+    // For an outgoing channel: setChannel follows once openChannel has returned.
+    TunnelEndPoint(SmartLock * lock, TunnelStore * store, unsigned int bufferSize);
+    // Frees the ring; closes nothing.
+    ~TunnelEndPoint() override;
+
+    // Reactor thread, with the reactor's lock held: takes no lock of its own. True when the
+    // peer's ring holds bytes for this end point's channel.
+    bool hasPendingWrite() override;
+    // Reactor thread. One recv into the contiguous free stretch of the own ring. A full ring
+    // reads nothing: the bytes stay in the transport, which is the whole back-pressure.
+    void onRead(IReadDataStream * stream) override;
+    // Reactor thread. One send from the contiguous filled stretch of the peer's ring; what the
+    // stream does not take stays at the read position for the next onWrite.
+    void onWrite(IWriteDataStream * stream) override;
+    // Reactor thread. The own channel ended: the peer's channel is closed, buffered bytes dropped.
+    void onClose() override;
+    void onError() override;
+
+    // Any thread. Closes the own channel and the peer; harmless when repeated.
+    void close();
+    // Takes the shared lock. Null keeps the texts as they were.
+    void setChannel(IChannel * channel);
+    const Common::SmartPtr<SmartLock> & getLock() const { return m_lock; }
+    // Any thread; takes the shared lock of both (one lock). Joins the two halves of a tunnel:
+    // false, and nothing joined, when `second` has already closed.
+    static bool JoinPair(TunnelEndPoint * first, TunnelEndPoint * second);
+    // Fixed once the channel is set; the store reads it as the key of its map.
+    const std::string & getDescription() const { return m_description; }
+
+private:
+    friend class TunnelStore;  // joins a pair under the shared lock (connectEndpoints)
+
+    // With the shared lock held: keeps m_peer and the pointer read by hasPendingWrite together.
+    void setPeer_i(TunnelEndPoint * peer);
+    std::string lockedDescription();
+
+    Common::SmartPtr<SmartLock> m_lock;
+    Common::SmartPtr<TunnelStore> m_store;     // GUARDED_BY(m_lock)
+    Common::SmartPtr<TunnelEndPoint> m_peer;   // GUARDED_BY(m_lock)
+    Common::SmartPtr<IChannel> m_channel;      // GUARDED_BY(m_lock)
+    // Written under m_lock; also read without it as a fast exit of onRead and onClose.
+    std::atomic<bool> m_closed;
+    const std::uint32_t m_bufferSize;
+    char * m_buffer;                           // GUARDED_BY(m_lock), from malloc
+    char * m_bufferEnd;                        // GUARDED_BY(m_lock)
+    char * m_readPos;                          // GUARDED_BY(m_lock)
+    char * m_writePos;                         // GUARDED_BY(m_lock)
+    // Written under m_lock; read without it by the peer's hasPendingWrite.
+    std::atomic<std::uint32_t> m_filled;
+    std::uint32_t m_free;                      // GUARDED_BY(m_lock)
+    // The peer as hasPendingWrite sees it, without the lock. Both channels of a tunnel run on
+    // the store's one reactor, whose thread is the one that asks, so the peer cannot go away
+    // while it is being asked: its channel, registered with that reactor, holds it.
+    std::atomic<TunnelEndPoint *> m_peerForPoll;
+    std::string m_localURI;
+    std::string m_peerURI;
+    std::string m_description;
+};
+
+}  // namespace net

@@ -1,0 +1,448 @@
+// Tunnels end to end over loopback: a tunnel store on a real reactor and factory, raw
+// blocking clients and targets that share no code with the library.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "corvane/uri.h"
+#include "echoserver.h"
+#include "framework/channelfactory.h"
+#include "logcapture.h"
+#include "net/internalexception.h"
+#include "socketio/selectreactor.h"
+#include "sockets.h"
+#include "tunnel/tunnelcreatorthread.h"
+#include "tunnel/tunnelstore.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define CORVANE_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define CORVANE_SANITIZED 1
+#endif
+#endif
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool waitFor(const std::function<bool()> & done, int milliseconds = 5000) {
+    auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!done()) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// Bytes that differ per stream and per position, so that a mix-up or a reordering shows.
+std::string pattern(std::size_t size, unsigned seed = 0) {
+    std::string data(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+        data[i] = static_cast<char>((i * 131 + i / 251 + seed * 7919) & 0xff);
+    }
+    return data;
+}
+
+unsigned short portOf(const char * uri) {
+    return net::URI::FromString(uri).getPort();
+}
+
+// A blocking loopback client whose reads give up after 5 s.
+int connectTo(unsigned short port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    timeval wait{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    return fd;
+}
+
+// A listening target on 127.0.0.1, port 0, accepting only when the test asks.
+struct RawTarget {
+    RawTarget() {
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        listen(fd, 16);
+        socklen_t length = sizeof address;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+        port = ntohs(address.sin_port);
+    }
+    ~RawTarget() { close(fd); }
+    int acceptWithin(int milliseconds = 5000) {
+        pollfd entry{fd, POLLIN, 0};
+        if (poll(&entry, 1, milliseconds) != 1) {
+            return -1;
+        }
+        int accepted = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        timeval wait{5, 0};
+        setsockopt(accepted, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        setsockopt(accepted, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+        return accepted;
+    }
+    std::string uri() const { return "tcp://127.0.0.1:" + std::to_string(port); }
+    int fd;
+    unsigned short port;
+};
+
+bool sendAll(int fd, const std::string & data) {
+    for (std::size_t sent = 0; sent < data.size();) {
+        ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Reads exactly `size` bytes, or what came before the end, an error or the read time-out.
+std::string recvExact(int fd, std::size_t size) {
+    std::string data;
+    char buffer[65536];
+    while (data.size() < size) {
+        ssize_t n = recv(fd, buffer, std::min(sizeof buffer, size - data.size()), 0);
+        if (n <= 0) {
+            break;
+        }
+        data.append(buffer, static_cast<std::size_t>(n));
+    }
+    return data;
+}
+
+// True when the peer's end (or a reset) arrives within the read time-out.
+bool seesEnd(int fd) {
+    char byte;
+    for (int i = 0; i < 1000; ++i) {
+        ssize_t n = recv(fd, &byte, 1, 0);
+        if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+            return true;
+        }
+        if (n < 0) {
+            return false;
+        }
+    }
+    return false;
+}
+
+// Names a target anew for each connection: the next URI of its list, the last one for ever.
+class TargetList : public net::IChannelEndpoint {
+public:
+    explicit TargetList(std::vector<std::string> uris) : m_uris(std::move(uris)) {}
+    void getEndpoint(std::string & uri, std::string & options) override {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        uri = m_uris[std::min(m_next, m_uris.size() - 1)];
+        ++m_next;
+        options.clear();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_uris;
+    std::size_t m_next = 0;
+};
+
+class Tunnels : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_descriptors = corvane_test::CountOpenDescriptors();
+        net::SocketOptions options;
+        options.backlog = 128;
+        factory = new net::ChannelFactory(options);
+        reactor = new socketio::SelectReactor(5000, 300000, 5);
+        reactor->startProcessing();
+        store = new net::TunnelStore(reactor.get(), factory.get(), 65536);
+    }
+    void TearDown() override {
+        store->shutdown();
+        EXPECT_EQ(store->tunnelCount(), 0u);
+        EXPECT_EQ(store->serviceCount(), 0u);
+        reactor->stopProcessing();
+        store = nullptr;
+        factory = nullptr;
+        reactor = nullptr;
+        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+    }
+    unsigned short startTunnel(const std::string & target, unsigned int bufferSize = 65536) {
+        if (bufferSize != 65536) {
+            store = new net::TunnelStore(reactor.get(), factory.get(), bufferSize);
+        }
+        net::ITunnelService * service = store->startTunnel("tcp://127.0.0.1:0", "", target.c_str(), "");
+        return portOf(service->getLocalURI());
+    }
+    bool drained() {
+        return waitFor([this] { return store->tunnelCount() == 0; });
+    }
+
+    Common::SmartPtr<net::IChannelFactory> factory;
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    Common::SmartPtr<net::TunnelStore> store;
+
+private:
+    int m_descriptors = 0;
+};
+
+TEST_F(Tunnels, DataFlowsBothWaysByteForByteOnThePortTheSystemChose) {
+    corvane_test::LogCapture log("INFO");
+    corvane_test::EchoServer echo;
+    const std::string target = "tcp://127.0.0.1:" + std::to_string(echo.port());
+    net::ITunnelService * service = store->startTunnel("tcp://127.0.0.1", nullptr, target.c_str(), nullptr);
+    EXPECT_EQ(log.count("corvane.net.TunnelStore", "INFO",
+                        "startTunnel('tcp://127.0.0.1', '<null>', '" + target + "', '<null>')"),
+              1u);
+    unsigned short port = portOf(service->getLocalURI());
+    ASSERT_NE(port, 0) << service->getLocalURI();
+
+    int client = connectTo(port);
+    const std::string data = pattern(3 * 65536 + 123);
+    std::thread writer([&] { EXPECT_TRUE(sendAll(client, data)); });
+    std::string back = recvExact(client, data.size());
+    writer.join();
+    EXPECT_TRUE(back == data) << "got " << back.size() << " of " << data.size() << " bytes, or other bytes";
+    EXPECT_EQ(store->tunnelCount(), 2u);
+    close(client);
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, RingFullStopsOnlyItsDirection) {
+    RawTarget target;
+    unsigned short port = startTunnel(target.uri(), 4096);
+    int client = connectTo(port);
+    int server = target.acceptWithin();
+    ASSERT_GE(server, 0);
+
+    // The target reads nothing: client to target fills the kernel buffers and the 4 KiB ring
+    // until the client's sends would block.
+    fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
+    const std::string upstream = pattern(64 << 20, 1);
+    std::size_t sent = 0;
+    auto quietSince = Clock::now();
+    while (sent < upstream.size() && Clock::now() - quietSince < std::chrono::milliseconds(300)) {
+        ssize_t n = send(client, upstream.data() + sent, std::min<std::size_t>(65536, upstream.size() - sent),
+                         MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += static_cast<std::size_t>(n);
+            quietSince = Clock::now();
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    ASSERT_LT(sent, upstream.size()) << "the stalled direction never pushed back";
+
+    // The other direction goes on, byte for byte.
+    fcntl(client, F_SETFL, fcntl(client, F_GETFL) & ~O_NONBLOCK);
+    const std::string downstream = pattern(1 << 20, 2);
+    std::thread writer([&] { EXPECT_TRUE(sendAll(server, downstream)); });
+    EXPECT_TRUE(recvExact(client, downstream.size()) == downstream);
+    writer.join();
+
+    // The stalled direction then delivers everything that was taken, in order.
+    EXPECT_TRUE(recvExact(server, sent) == upstream.substr(0, sent));
+    close(client);
+    EXPECT_TRUE(seesEnd(server));
+    close(server);
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, ClosingEitherSideClosesTheOther) {
+    RawTarget target;
+    unsigned short port = startTunnel(target.uri());
+    for (bool clientCloses : {true, false}) {
+        int client = connectTo(port);
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        ASSERT_TRUE(sendAll(client, "ping"));
+        EXPECT_EQ(recvExact(server, 4), "ping");
+        ASSERT_TRUE(sendAll(server, "pong"));
+        EXPECT_EQ(recvExact(client, 4), "pong");
+        close(clientCloses ? client : server);
+        EXPECT_TRUE(seesEnd(clientCloses ? server : client)) << (clientCloses ? "client" : "target") << " closed";
+        close(clientCloses ? server : client);
+        EXPECT_TRUE(drained());
+    }
+}
+
+TEST_F(Tunnels, RefusedTargetClosesTheClientAndTheNextConnectionIsServed) {
+    corvane_test::LogCapture log("WARN");
+    corvane_test::ScopedBoundPort refusing;
+    corvane_test::EchoServer echo;
+    Common::SmartPtr<net::IChannelEndpoint> targets(
+        new TargetList({"tcp://127.0.0.1:" + std::to_string(refusing.port()),
+                        "tcp://127.0.0.1:" + std::to_string(echo.port())}));
+    net::ITunnelService * service = store->startTunnel2("tcp://127.0.0.1:0", nullptr, targets.get());
+    unsigned short port = portOf(service->getLocalURI());
+
+    int first = connectTo(port);
+    EXPECT_TRUE(seesEnd(first));
+    close(first);
+    EXPECT_TRUE(waitFor([&] {
+        return log.countContaining("corvane.net.TunnelCreatorThread", "' exception caught:") == 1;
+    }));
+    EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread", "while creating a connection on behalf of '{TunnelEndPoint, tcp://127.0.0.1:"), 1u);
+
+    int second = connectTo(port);
+    ASSERT_TRUE(sendAll(second, "after the refusal"));
+    EXPECT_EQ(recvExact(second, 17), "after the refusal");
+    close(second);
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, QuickConnectionsAreServedInOrderOfArrival) {
+    RawTarget target;
+    unsigned short port = startTunnel(target.uri());
+    int clients[3];
+    for (int i = 0; i < 3; ++i) {
+        clients[i] = connectTo(port);
+        ASSERT_TRUE(sendAll(clients[i], std::string(1, static_cast<char>('0' + i))));
+    }
+    for (int i = 0; i < 3; ++i) {
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        EXPECT_EQ(recvExact(server, 1), std::string(1, static_cast<char>('0' + i)));
+        close(server);
+    }
+    for (int client : clients) {
+        EXPECT_TRUE(seesEnd(client));
+        close(client);
+    }
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, MisuseIsRefusedWithItsText) {
+    corvane_test::LogCapture log("WARN");
+    EXPECT_THROW(store->startTunnel("tcp://127.0.0.1:0", "", "no uri at all", ""), net::URIException);
+    EXPECT_THROW(store->startTunnel("not a uri", "", "tcp://127.0.0.1:1", ""), net::URIException);
+    EXPECT_EQ(store->serviceCount(), 0u);
+
+    Common::SmartPtr<net::TunnelCreatorThread> thread(new net::TunnelCreatorThread);
+    auto textOf = [](const std::function<void()> & action) -> std::string {
+        try {
+            action();
+        } catch (const net::InternalException & e) {
+            return e.what();
+        }
+        return "no exception";
+    };
+    EXPECT_EQ(textOf([&] { thread->stopProcessing(); }), "Thread already stopped");
+    thread->startProcessing(store.get());
+    EXPECT_EQ(textOf([&] { thread->startProcessing(store.get()); }), "Thread already running");
+    thread->stopProcessing();
+    EXPECT_EQ(textOf([&] { thread->stopProcessing(); }), "Thread already stopped");
+    EXPECT_EQ(log.count("corvane.net.InternalException", "WARN", "Thread already stopped"), 2u);
+    EXPECT_EQ(log.count("corvane.net.InternalException", "WARN", "Thread already running"), 1u);
+
+    // A service that is closed refuses further connections; a second close does nothing.
+    RawTarget target;
+    net::ITunnelService * service = store->startTunnel("tcp://127.0.0.1:0", "", target.uri().c_str(), "");
+    Common::SmartPtr<net::ITunnelService> kept(service);
+    service->close();
+    service->close();
+    EXPECT_EQ(store->serviceCount(), 0u);
+    // A port in use is the error of the channel server, and nothing is stored.
+    RawTarget busy;
+    EXPECT_THROW(store->startTunnel(busy.uri().c_str(), "", target.uri().c_str(), ""), net::RuntimeException);
+    EXPECT_EQ(store->serviceCount(), 0u);
+}
+
+TEST_F(Tunnels, ShutdownOfAnUnusedStoreReturns) {
+    Common::SmartPtr<net::TunnelStore> unused(new net::TunnelStore(reactor.get(), factory.get(), 0));
+    unused->shutdown();
+    unused->shutdown();
+    EXPECT_EQ(unused->tunnelCount() + unused->serviceCount(), 0u);
+}
+
+TEST_F(Tunnels, HundredConcurrentTunnelsCarryCheckedData) {
+#ifdef CORVANE_SANITIZED
+    const std::size_t perConnection = 256 << 10;
+#else
+    const std::size_t perConnection = 1 << 20;
+#endif
+    const int connections = 100;
+    ASSERT_TRUE(corvane_test::RaiseDescriptorLimit(2048));
+    {
+        corvane_test::EchoServer echo;
+        unsigned short port = startTunnel("tcp://127.0.0.1:" + std::to_string(echo.port()), 1 << 20);
+        struct Client {
+            int fd;
+            std::string data;
+            std::size_t sent = 0;
+            std::size_t received = 0;
+            bool mismatch = false;
+        };
+        std::vector<Client> clients;
+        for (int i = 0; i < connections; ++i) {
+            Client client{connectTo(port), pattern(perConnection, static_cast<unsigned>(i) + 3)};
+            fcntl(client.fd, F_SETFL, fcntl(client.fd, F_GETFL) | O_NONBLOCK);
+            clients.push_back(std::move(client));
+        }
+        // One poll loop drives all clients: send what the socket takes, check what comes back.
+        const auto deadline = Clock::now() + std::chrono::seconds(45);
+        std::vector<pollfd> sets(clients.size());
+        char buffer[65536];
+        std::size_t finished = 0;
+        while (finished < clients.size() && Clock::now() < deadline) {
+            for (std::size_t i = 0; i < clients.size(); ++i) {
+                const Client & c = clients[i];
+                bool done = c.received == c.data.size() || c.mismatch;
+                sets[i] = pollfd{done ? -1 : c.fd, static_cast<short>(POLLIN | (c.sent < c.data.size() ? POLLOUT : 0)), 0};
+            }
+            if (poll(sets.data(), sets.size(), 100) <= 0) {
+                continue;
+            }
+            finished = 0;
+            for (std::size_t i = 0; i < clients.size(); ++i) {
+                Client & c = clients[i];
+                if ((sets[i].revents & POLLOUT) != 0 && c.sent < c.data.size()) {
+                    ssize_t n = send(c.fd, c.data.data() + c.sent, std::min<std::size_t>(65536, c.data.size() - c.sent),
+                                     MSG_NOSIGNAL);
+                    if (n > 0) {
+                        c.sent += static_cast<std::size_t>(n);
+                    }
+                }
+                if ((sets[i].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+                    ssize_t n = recv(c.fd, buffer, sizeof buffer, 0);
+                    if (n > 0) {
+                        c.mismatch = c.mismatch || c.data.compare(c.received, static_cast<std::size_t>(n), buffer,
+                                                                  static_cast<std::size_t>(n)) != 0;
+                        c.received += static_cast<std::size_t>(n);
+                    } else if (n == 0) {
+                        c.mismatch = true;  // ended early
+                    }
+                }
+                finished += (c.received == c.data.size() || c.mismatch) ? 1 : 0;
+            }
+        }
+        std::size_t complete = 0;
+        for (const Client & c : clients) {
+            complete += (!c.mismatch && c.received == c.data.size()) ? 1 : 0;
+            close(c.fd);
+        }
+        EXPECT_EQ(complete, clients.size()) << "connections that carried their data unchanged";
+        EXPECT_TRUE(drained());
+    }
+    store->shutdown();
+    EXPECT_EQ(store->serviceCount(), 0u);
+}
+
+}  // namespace

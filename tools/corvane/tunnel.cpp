@@ -1,0 +1,115 @@
+// corvane tunnel: local port forwarding through the module's tunnel store until a stop signal.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "corvane/uri.h"
+
+namespace {
+
+const char * const kTunnelUsage =
+    "usage: corvane tunnel LISTEN_URI TARGET_URI [--listen-options TEXT] [--target-options TEXT]\n"
+    "                      [--buffer-size BYTES]\n"
+    "\n"
+    "Listens on LISTEN_URI and forwards every connection that comes in to a new connection to\n"
+    "TARGET_URI, both ways, until SIGINT or SIGTERM. Prints 'listening on URI' (with the real port\n"
+    "when LISTEN_URI names none or 0) once it listens.\n"
+    "\n"
+    "  --listen-options TEXT   option text of the listening side (key=value;key=value)\n"
+    "  --target-options TEXT   option text of each outgoing connection\n"
+    "  --buffer-size BYTES     buffer of each direction of each connection (default 1048576)\n";
+
+unsigned int parseBufferSize(const std::string & text) {
+    char * end = nullptr;
+    errno = 0;
+    unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value == 0 || value > 0x7fffffffULL) {
+        throw cli::UsageError("--buffer-size needs a number of bytes from 1 to 2147483647, not '" + text + "'");
+    }
+    return static_cast<unsigned int>(value);
+}
+
+// The library reports a failed bind without its cause; a bind of our own names it, so that
+// "address already in use" reads as such. Falls back on the library's text.
+std::string listenFailure(const std::string & listenURI, const std::exception & failure) {
+    try {
+        net::URI uri = net::URI::FromString(listenURI);
+        net::URI::SocketAddress address;
+        uri.ToSockAddress(address, true);
+        const addrinfo * entry = address.get();
+        if (entry == nullptr) {
+            return failure.what();
+        }
+        int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
+        if (fd < 0) {
+            return failure.what();
+        }
+        int result = bind(fd, entry->ai_addr, entry->ai_addrlen);
+        int error = errno;
+        close(fd);
+        if (result != 0) {
+            return "cannot listen on " + listenURI + ": " + std::strerror(error);
+        }
+    } catch (const std::exception &) {
+    }
+    return failure.what();
+}
+
+}  // namespace
+
+int commandTunnel(const cli::Context & context, const std::vector<std::string> & args) {
+    std::vector<std::string> positional;
+    std::string listenOptions;
+    std::string targetOptions;
+    unsigned int bufferSize = 0x100000;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string & arg = args[i];
+        if (arg == "--help" || arg == "-h") {
+            std::cout << kTunnelUsage;
+            return 0;
+        }
+        if (arg == "--listen-options") {
+            listenOptions = cli::optionValue(args, i);
+        } else if (arg == "--target-options") {
+            targetOptions = cli::optionValue(args, i);
+        } else if (arg == "--buffer-size") {
+            bufferSize = parseBufferSize(cli::optionValue(args, i));
+        } else if (arg.rfind("--", 0) == 0) {
+            throw cli::UsageError("tunnel: unknown option " + arg);
+        } else {
+            positional.push_back(arg);
+        }
+    }
+    if (positional.size() != 2) {
+        throw cli::UsageError("tunnel needs LISTEN_URI and TARGET_URI");
+    }
+
+    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(net::SocketOptions()));
+    Common::SmartPtr<net::ITunnelStore> store(
+        context.module->createTunnelStore(reactor.get(), factory.get(), bufferSize));
+    reactor->startProcessing();
+    try {
+        net::ITunnelService * service = store->startTunnel(positional[0].c_str(), listenOptions.c_str(),
+                                                           positional[1].c_str(), targetOptions.c_str());
+        std::cout << "listening on " << service->getLocalURI() << std::endl;
+    } catch (const std::exception & e) {
+        // The creator thread may already run: end it, or the store would never go.
+        store->shutdown();
+        reactor->stopProcessing();
+        throw std::runtime_error(listenFailure(positional[0], e));
+    }
+    cli::waitForStopSignal();
+    // Connections first, then the listening services and the creator thread, then the reactor.
+    store->shutdown();
+    reactor->stopProcessing();
+    return 0;
+}
