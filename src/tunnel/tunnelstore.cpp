@@ -208,20 +208,20 @@ void TunnelStore::stopTunnels() {
     Common::SmartPtr<TunnelCreatorThread> thread;
     {
         Common::ScopedLock guard(&m_lock);
-        if (m_creatorThread) {
-            // Joined with m_lock held: a connection still being made that reaches storeTunnel
-            // now cannot finish (see the header).
-            m_creatorThread->stopProcessing();
-            thread = std::move(m_creatorThread);
-        }
+        thread = std::move(m_creatorThread);
         for (const auto & entry : m_services) {
             services.push_back(entry.second);
         }
     }
+    // The services stop accepting first; the creator thread is joined without m_lock, so
+    // that a connection it is still making can reach storeTunnel and finish.
     for (const auto & service : services) {
         service->close();
     }
     services.clear();
+    if (thread) {
+        thread->stopProcessing();
+    }
     thread = nullptr;
     Common::ScopedLock guard(&m_lock);
     while (!m_services.empty()) {

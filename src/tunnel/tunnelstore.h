@@ -34,9 +34,9 @@ public:
     // is held by the store's map, not counted for the caller.
     ITunnelService * startTunnel(const char * localURI, const char * localOptions, const char * remoteURI,
                                  const char * remoteOptions) override;
-    // Caller's thread. Joins the creator thread with m_lock held, then closes every service and
-    // waits until they have left the map. Live tunnels go on. Stopping while a connection is
-    // being made can hang: stop a store when no connection is in progress.
+    // Caller's thread. Closes every service, then joins the creator thread (without m_lock, so
+    // that a connection still being made can finish), and waits until the services have left
+    // the map. Live tunnels go on.
     void stopTunnels() override;
     // Caller's thread: closeTunnels, then stopTunnels.
     void shutdown() override;
