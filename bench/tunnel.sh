@@ -34,9 +34,12 @@ wait_for() {
     return 1
 }
 
-# The listening port of a process, from ss.
-port_of_pid() {
-    ss -ltnpH 2>/dev/null | awk -v pid="pid=$1," 'index($0, pid) { n = split($4, a, ":"); print a[n]; exit }'
+# A free loopback port for socat, which does not report the port it picked.
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+accepting() {
+    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
 "$TUNNELBENCH" serve >"$work/server" &
@@ -49,11 +52,10 @@ pids+=($!)
 wait_for grep -q '^listening on ' "$work/corvane"
 corvane_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/corvane")
 
-socat TCP-LISTEN:0,bind=127.0.0.1,fork,reuseaddr "TCP:127.0.0.1:$server_port" &
-socat_pid=$!
-pids+=($socat_pid)
-wait_for test -n "$(port_of_pid "$socat_pid")"
-socat_port=$(port_of_pid "$socat_pid")
+socat_port=$(free_port)
+socat "TCP-LISTEN:$socat_port,bind=127.0.0.1,fork,reuseaddr" "TCP:127.0.0.1:$server_port" &
+pids+=($!)
+wait_for accepting "$socat_port"
 
 # stats VALUES...: "median min max"
 stats() {

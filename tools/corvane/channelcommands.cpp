@@ -21,15 +21,6 @@ namespace cli {
 
 namespace {
 
-// The host's sockets close gracefully (no linger-0 reset), so that data already written
-// reaches the peer when the channel closes.
-net::SocketOptions hostSocketOptions() {
-    net::SocketOptions options;
-    options.linger = false;
-    options.backlog = 128;
-    return options;
-}
-
 // Echoes what it reads. Reads pause while echoed data waits for the socket, so memory stays
 // bounded; what is left when the peer ends is flushed for a short while before the close.
 class EchoHandler : public net::IChannelHandler {

@@ -27,6 +27,15 @@ struct Context {
     std::string modulePath;
 };
 
+// The host's sockets close gracefully (no linger-0 reset), so that data already written
+// reaches the peer when a channel closes, and listen with a backlog that takes a burst.
+inline net::SocketOptions hostSocketOptions() {
+    net::SocketOptions options;
+    options.linger = false;
+    options.backlog = 128;
+    return options;
+}
+
 // Blocks SIGINT and SIGTERM in the calling thread and every thread it starts later, so that
 // they can be awaited with waitForStopSignal. Call it first in main.
 void blockStopSignals();
