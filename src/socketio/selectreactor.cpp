@@ -382,4 +382,21 @@ void SelectReactor::ThreadMain() {
     m_bLockHeldByThread = false;
 }
 
+void CloseSubscriber(ISelectEventSubscriber * subscriber, Common::SmartPtr<SelectReactor> & reactor,
+                     SelectReactor * home, unsigned int & socket) {
+    Common::SmartPtr<SelectReactor> registeredWith;
+    {
+        SelectReactor::ForeignThreadGuard guard(home);
+        registeredWith = std::move(reactor);
+    }
+    if (registeredWith) {
+        registeredWith->unregisterSubscriber(subscriber);
+    }
+    SelectReactor::ForeignThreadGuard guard(home);
+    if (socket != INVALID_SOCKET_HANDLE) {
+        SocketClose(socket);
+        socket = INVALID_SOCKET_HANDLE;
+    }
+}
+
 }  // namespace socketio

@@ -114,4 +114,13 @@ private:
     bool m_bLockHeldByThread;
 };
 
+// The owner's close of a socket-owning subscriber, any thread: leaves the reactor (waiting
+// for it when called on another thread), and only then closes the socket, so that the
+// reactor never waits on a closed and perhaps reused descriptor. `home` is the reactor the
+// subscriber was first registered with (it synchronises with the reactor ending the
+// subscriber at the same moment); `reactor` is the subscriber's current reference, cleared
+// here. Harmless when repeated.
+void CloseSubscriber(ISelectEventSubscriber * subscriber, Common::SmartPtr<SelectReactor> & reactor,
+                     SelectReactor * home, unsigned int & socket);
+
 }  // namespace socketio

@@ -37,22 +37,7 @@ TCPChannel::~TCPChannel() = default;
 
 void TCPChannel::close() {
     LOG4CXX_INFO(logger, "close[" << m_description << "]()");
-    Common::SmartPtr<socketio::SelectReactor> reactor;
-    {
-        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
-        reactor = m_reactor;
-        m_reactor = nullptr;
-    }
-    if (reactor) {
-        reactor->unregisterSubscriber(this);
-    }
-    // Only now that the reactor has let go of the socket may it be closed: the reactor
-    // must never wait on a closed (and perhaps reused) descriptor.
-    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
-    if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
-        socketio::SocketClose(m_socket);
-        m_socket = socketio::INVALID_SOCKET_HANDLE;
-    }
+    socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
 }
 
 void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {

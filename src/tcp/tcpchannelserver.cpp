@@ -24,19 +24,7 @@ TCPChannelServer::~TCPChannelServer() = default;
 
 void TCPChannelServer::close() {
     LOG4CXX_INFO(logger, "close[" << m_localURI << "]()");
-    Common::SmartPtr<socketio::SelectReactor> reactor;
-    {
-        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
-        reactor = m_reactor;
-    }
-    if (reactor) {
-        reactor->unregisterSubscriber(this);
-    }
-    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
-    if (m_socket != socketio::INVALID_SOCKET_HANDLE) {
-        socketio::SocketClose(m_socket);
-        m_socket = socketio::INVALID_SOCKET_HANDLE;
-    }
+    socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
 }
 
 void TCPChannelServer::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & /*now*/) {

@@ -153,37 +153,42 @@ void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
     }
 }
 
+bool TunnelEndPoint::detach_i(Detached & detached) {
+    if (m_closed.load()) {
+        return false;
+    }
+    m_closed.store(true);
+    detached.channel = std::move(m_channel);
+    detached.peer = m_peer;
+    setPeer_i(nullptr);
+    if (detached.peer) {
+        detached.peer->setPeer_i(nullptr);
+    }
+    detached.store = std::move(m_store);
+    if (detached.store) {
+        detached.store->removeTunnel(this);
+    }
+    return true;
+}
+
 void TunnelEndPoint::onClose() {
     if (m_closed.load()) {
         return;
     }
     // Removal from the map may drop the last reference but this one.
     Common::SmartPtr<TunnelEndPoint> keep(this);
-    Common::SmartPtr<TunnelEndPoint> peer;
-    Common::SmartPtr<TunnelStore> store;
-    Common::SmartPtr<IChannel> channel;
+    Detached detached;
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         LOG4CXX_INFO(logger, "onClose[" << m_description << "]");
-        if (m_closed.load()) {
+        if (!detach_i(detached)) {
             return;
         }
-        m_closed.store(true);
-        // Not closed here: the channel is what reported the end.
-        channel = std::move(m_channel);
-        peer = m_peer;
-        setPeer_i(nullptr);
-        if (peer) {
-            peer->setPeer_i(nullptr);
-        }
-        store = std::move(m_store);
-        if (store) {
-            store->removeTunnel(this);
-        }
     }
-    // The references go only now, outside the shared lock.
-    if (peer) {
-        peer->close();
+    // The channel is not closed here: it is what reported the end. The references go only
+    // now, outside the shared lock.
+    if (detached.peer) {
+        detached.peer->close();
     }
 }
 
@@ -194,35 +199,22 @@ void TunnelEndPoint::onError() {
 
 void TunnelEndPoint::close() {
     Common::SmartPtr<TunnelEndPoint> keep(this);
-    Common::SmartPtr<IChannel> channel;
-    Common::SmartPtr<TunnelEndPoint> peer;
-    Common::SmartPtr<TunnelStore> store;
+    Detached detached;
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         LOG4CXX_TRACE(logger, "close[" << m_description << "]()");
-        if (m_closed.load()) {
+        if (!detach_i(detached)) {
             return;
-        }
-        m_closed.store(true);
-        channel = std::move(m_channel);
-        peer = m_peer;
-        setPeer_i(nullptr);
-        if (peer) {
-            peer->setPeer_i(nullptr);
-        }
-        store = std::move(m_store);
-        if (store) {
-            store->removeTunnel(this);
         }
     }
     // Outside the lock: closing a channel may call onClose back on this end point, and the
     // peer's close takes the same shared lock. The peer's m_peer is already null, so the
     // recursion stops there.
-    if (channel) {
-        channel->close();
+    if (detached.channel) {
+        detached.channel->close();
     }
-    if (peer) {
-        peer->close();
+    if (detached.peer) {
+        detached.peer->close();
     }
 }
 

@@ -60,6 +60,15 @@ private:
 
     // With the shared lock held: keeps m_peer and the pointer read by hasPendingWrite together.
     void setPeer_i(TunnelEndPoint * peer);
+    // What an end point lets go of when it closes; released by the caller outside the lock.
+    struct Detached {
+        Common::SmartPtr<IChannel> channel;
+        Common::SmartPtr<TunnelEndPoint> peer;
+        Common::SmartPtr<TunnelStore> store;
+    };
+    // Shared lock held: marks this end closed, unlinks both ends and leaves the store's map.
+    // False when it was closed already.
+    bool detach_i(Detached & detached);
     std::string lockedDescription();
 
     Common::SmartPtr<SmartLock> m_lock;

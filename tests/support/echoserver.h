@@ -12,21 +12,15 @@
 #include <thread>
 #include <vector>
 
+#include "sockets.h"
+
 namespace corvane_test {
 
 class EchoServer {
 public:
     // silent: accept and read, but never answer (a peer that goes quiet).
     explicit EchoServer(bool silent = false) : m_silent(silent) {
-        m_listen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_listen, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        listen(m_listen, 128);
-        socklen_t length = sizeof address;
-        getsockname(m_listen, reinterpret_cast<sockaddr *>(&address), &length);
-        m_port = ntohs(address.sin_port);
+        m_listen = LoopbackListen(m_port);
         m_acceptor = std::thread([this] { acceptLoop(); });
     }
     ~EchoServer() {

@@ -46,6 +46,42 @@ private:
     unsigned short m_port = 0;
 };
 
+// A listening socket on 127.0.0.1 with a port the system picks, stored in `port`.
+inline int LoopbackListen(unsigned short & port, int backlog = 128) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    listen(fd, backlog);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+// Reads and writes on `fd` give up after 5 s, so that a test never hangs on a peer.
+inline void BoundBlockingCalls(int fd) {
+    timeval wait{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+}
+
+// A blocking client connected to 127.0.0.1:port with bounded calls; -1 when refused.
+inline int LoopbackConnect(unsigned short port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        close(fd);
+        return -1;
+    }
+    BoundBlockingCalls(fd);
+    return fd;
+}
+
 inline int CountOpenDescriptors() {
     int count = 0;
     if (DIR * dir = opendir("/proc/self/fd")) {

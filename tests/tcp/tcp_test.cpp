@@ -100,18 +100,6 @@ protected:
     static unsigned short portOf(net::IChannelServer * server) {
         return net::URI::FromString(server->getLocalURI()).getPort();
     }
-    // A raw blocking client, closed by the caller.
-    static int rawConnect(unsigned short port) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        timeval wait{5, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-        return fd;
-    }
     static std::string rawExchange(int fd, const std::string & message) {
         send(fd, message.data(), message.size(), MSG_NOSIGNAL);
         std::string answer;
@@ -160,7 +148,7 @@ TEST_F(TcpTransport, PeerClosingWithUnreadDataIsReadToTheEndBeforeOnClose) {
     Common::SmartPtr<net::IChannelServer> server = startServer();
     acceptor->makeHandler = [] { return new RecordingHandler; };
     const std::string data = pattern(300000);
-    int fd = rawConnect(portOf(server.get()));
+    int fd = corvane_test::LoopbackConnect(portOf(server.get()));
     ASSERT_EQ(send(fd, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
     close(fd);
     ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }));
@@ -201,12 +189,12 @@ TEST_F(TcpTransport, RefusingOrThrowingAcceptorEndsOnlyThatConnection) {
     acceptor->answers = {TestAcceptor::Answer::Refuse, TestAcceptor::Answer::Throw};
     char byte;
     for (int i = 0; i < 2; ++i) {
-        int fd = rawConnect(portOf(server.get()));
+        int fd = corvane_test::LoopbackConnect(portOf(server.get()));
         EXPECT_LE(recv(fd, &byte, 1, 0), 0) << "connection " << i << " is closed by the server";
         close(fd);
     }
     EXPECT_EQ(log.count("corvane.tcp.TCPChannelServer", "ERROR", "accept failed due to exception: 'acceptor says no'"), 1u);
-    int fd = rawConnect(portOf(server.get()));
+    int fd = corvane_test::LoopbackConnect(portOf(server.get()));
     EXPECT_EQ(rawExchange(fd, "still served"), "still served");
     close(fd);
     ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->closes.load() == 1; }));
@@ -221,7 +209,7 @@ TEST_F(TcpTransport, BurstOfConnectionsIsServedInFull) {
     std::atomic<int> echoed{0};
     for (int i = 0; i < clients; ++i) {
         threads.emplace_back([&, i] {
-            int fd = rawConnect(portOf(server.get()));
+            int fd = corvane_test::LoopbackConnect(portOf(server.get()));
             std::string message = "client " + std::to_string(i);
             if (rawExchange(fd, message) == message) {
                 ++echoed;

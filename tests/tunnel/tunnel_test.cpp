@@ -64,31 +64,14 @@ unsigned short portOf(const char * uri) {
 
 // A blocking loopback client whose reads give up after 5 s.
 int connectTo(unsigned short port) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    timeval wait{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    int fd = corvane_test::LoopbackConnect(port);
+    EXPECT_GE(fd, 0);
     return fd;
 }
 
 // A listening target on 127.0.0.1, port 0, accepting only when the test asks.
 struct RawTarget {
-    RawTarget() {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        listen(fd, 16);
-        socklen_t length = sizeof address;
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
-    }
+    RawTarget() { fd = corvane_test::LoopbackListen(port, 16); }
     ~RawTarget() { close(fd); }
     int acceptWithin(int milliseconds = 5000) {
         pollfd entry{fd, POLLIN, 0};
@@ -96,9 +79,7 @@ struct RawTarget {
             return -1;
         }
         int accepted = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-        timeval wait{5, 0};
-        setsockopt(accepted, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-        setsockopt(accepted, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+        corvane_test::BoundBlockingCalls(accepted);
         return accepted;
     }
     std::string uri() const { return "tcp://127.0.0.1:" + std::to_string(port); }
