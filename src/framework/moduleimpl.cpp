@@ -7,7 +7,7 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "framework/channelfactory.h"
-#include "framework/optionmap.h"
+#include "net/optionmap.h"
 #include "net/internalexception.h"
 #include "socketio/selectreactor.h"
 #include "tunnel/tunnelstore.h"

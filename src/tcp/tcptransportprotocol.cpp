@@ -2,7 +2,7 @@
 
 #include "common/logging.h"
 #include "corvane/uri.h"
-#include "framework/optionmap.h"
+#include "net/optionmap.h"
 #include "socketio/internalexception.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "common/logging.h"
-#include "framework/optionmap.h"
+#include "net/optionmap.h"
 #include "tls/sslexception.h"
 #include "tls/toolsinternalexception.h"
 

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "framework/optionmap.h"
+#include "net/optionmap.h"
 #include "logcapture.h"
 #include "tls/sslexception.h"
 #include "tls/toolsinternalexception.h"

@@ -1,4 +1,4 @@
-#include "framework/optionmap.h"
+#include "net/optionmap.h"
 
 #include <gtest/gtest.h>
 
