@@ -1,14 +1,16 @@
 #include "socketio/selectreactor.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <exception>
-#include <iterator>
 
 #include "common/logging.h"
 #include "common/timedelta.h"
 #include "socketio/internalexception.h"
+#include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
 
 namespace socketio {
@@ -32,8 +34,14 @@ SelectReactor::SelectReactor(int deadSocketCheckInterval, int deadSocketTimeout,
       m_bRunning(false),
       m_hThread(nullptr),
       m_threadId(0),
+      m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_bWakePending(false),
       m_bLockHeldByThread(false) {
     LOG4CXX_TRACE(logger, "ctor");
+    if (m_wakeFd < 0) {
+        LOG4CXX_WARN(logger, "no eventfd for waking the reactor (" << SystemErrorText(errno)
+                                                                    << "): posted commands wait for the time-out");
+    }
 }
 
 SelectReactor::~SelectReactor() {
@@ -41,6 +49,32 @@ SelectReactor::~SelectReactor() {
     if (m_hThread != nullptr && !onReactorThread()) {
         stopProcessing();
     }
+    if (m_wakeFd >= 0) {
+        ::close(m_wakeFd);
+    }
+}
+
+void SelectReactor::wakeUp() {
+    Common::ScopedLock guard(&m_lock);
+    wakeUp_i();
+}
+
+void SelectReactor::wakeUp_i() {
+    // One write per wait is enough: the flag is cleared when the reactor thread drains it.
+    if (m_wakeFd < 0 || m_bWakePending) {
+        return;
+    }
+    m_bWakePending = true;
+    const std::uint64_t one = 1;
+    ssize_t written = ::write(m_wakeFd, &one, sizeof one);
+    (void)written;  // only fails when the counter is already non-zero: the wait ends anyway
+}
+
+void SelectReactor::drainWakeUp_i() {
+    std::uint64_t value;
+    ssize_t drained = ::read(m_wakeFd, &value, sizeof value);
+    (void)drained;  // EAGAIN: nothing was pending
+    m_bWakePending = false;
 }
 
 bool SelectReactor::onReactorThread() const {
@@ -65,6 +99,7 @@ void SelectReactor::stopProcessing() {
         m_bRunning = false;
         m_conditionCommand.Signal();
         m_conditionDone.Broadcast();
+        wakeUp_i();
     }
     if (m_hThread != nullptr) {
         Common::PlatformThread::Join(m_hThread);
@@ -99,37 +134,38 @@ void SelectReactor::registerSubscriber(ISelectEventSubscriber * subscriber) {
         return;
     }
     Common::ScopedLock guard(&m_lock);
-    m_vectorCommand.push_back(Command{true, subscriber});
-    m_conditionCommand.Signal();
-    bool found = hasSubscriber(subscriber);
-    bool failed = hasFailedSubscriber(subscriber);
-    while (!found) {
-        if (failed) {
-            throw InternalException("too many open sockets", true);
-        }
-        if (!m_bRunning) {
-            withdrawCommand_i(subscriber);
-            throw InternalException("select reactor is no longer operational", true);
-        }
-        m_conditionDone.Wait();
-        found = hasSubscriber(subscriber);
-        failed = hasFailedSubscriber(subscriber);
-    }
-    if (failed) {
+    CommandStatus status;
+    // The command's own status tells the outcome: the subscriber may already have been taken
+    // in and dropped again (a peer that closed at once) before this thread looks.
+    const bool done = postAndWait_i(true, subscriber, status);
+    if (status.refused) {
+        hasFailedSubscriber(subscriber);
         throw InternalException("too many open sockets", true);
     }
-    if (!m_bRunning) {
-        withdrawCommand_i(subscriber);
+    if (!done || !m_bRunning) {
         throw InternalException("select reactor is no longer operational", true);
     }
 }
 
-void SelectReactor::withdrawCommand_i(ISelectEventSubscriber * subscriber) {
-    // The poster is told that the registration failed, so a later start must not carry it
-    // out behind its back.
-    for (auto it = m_vectorCommand.rbegin(); it != m_vectorCommand.rend(); ++it) {
-        if (it->add && it->subscriber.get() == subscriber) {
-            m_vectorCommand.erase(std::next(it).base());
+bool SelectReactor::postAndWait_i(bool add, ISelectEventSubscriber * subscriber, CommandStatus & status) {
+    m_vectorCommand.push_back(Command{add, subscriber, &status});
+    m_conditionCommand.Signal();
+    wakeUp_i();
+    while (!status.done && m_bRunning) {
+        m_conditionDone.Wait();
+    }
+    if (!status.done) {
+        // The poster is told that its command was not carried out, so a later start must not
+        // carry it out behind its back (nor touch this frame's status).
+        withdrawCommand_i(&status);
+    }
+    return status.done;
+}
+
+void SelectReactor::withdrawCommand_i(const CommandStatus * status) {
+    for (auto it = m_vectorCommand.begin(); it != m_vectorCommand.end(); ++it) {
+        if (it->status == status) {
+            m_vectorCommand.erase(it);
             return;
         }
     }
@@ -149,11 +185,8 @@ void SelectReactor::unregisterSubscriber(ISelectEventSubscriber * subscriber) {
         return;
     }
     Common::ScopedLock guard(&m_lock);
-    m_vectorCommand.push_back(Command{false, subscriber});
-    m_conditionCommand.Signal();
-    while (hasSubscriber(subscriber) && m_bRunning) {
-        m_conditionDone.Wait();
-    }
+    CommandStatus status;
+    postAndWait_i(false, subscriber, status);
 }
 
 bool SelectReactor::hasSubscriber(ISelectEventSubscriber * subscriber) const {
@@ -177,16 +210,18 @@ bool SelectReactor::hasFailedSubscriber(ISelectEventSubscriber * subscriber) {
     return false;
 }
 
-void SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread) {
+bool SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread) {
     LOG4CXX_TRACE(logger, "addSubscriber");
     if (m_vectorSelectEventSubscriber.size() + 1 < kSetCapacity) {
         subscriber->setReactor(this, Common::GetTickCount64());
         m_vectorSelectEventSubscriber.emplace_back(subscriber);
-    } else if (fromReactorThread) {
-        throw InternalException("too many open sockets", true);
-    } else {
-        m_vectorFailedSubscriber.emplace_back(subscriber);
+        return true;
     }
+    if (fromReactorThread) {
+        throw InternalException("too many open sockets", true);
+    }
+    m_vectorFailedSubscriber.emplace_back(subscriber);
+    return false;
 }
 
 void SelectReactor::removeSubscriber(ISelectEventSubscriber * subscriber) {
@@ -206,10 +241,15 @@ void SelectReactor::processCommands_i() {
     }
     LOG4CXX_TRACE(logger, "processCommands");
     for (const auto & command : m_vectorCommand) {
+        bool taken = true;
         if (command.add) {
-            addSubscriber(command.subscriber.get(), false);
+            taken = addSubscriber(command.subscriber.get(), false);
         } else {
             removeSubscriber(command.subscriber.get());
+        }
+        if (command.status != nullptr) {
+            command.status->done = true;
+            command.status->refused = !taken;
         }
     }
     m_vectorCommand.clear();
@@ -291,8 +331,15 @@ void SelectReactor::ThreadMain() {
     Common::PlatformThread::SetName("net.SelectReactor");
     const Common::TimeDelta timeout(static_cast<std::int64_t>(m_selectTimeout) * 1000);
     const int waitMilliseconds = static_cast<int>(timeout.InMillisecondsRoundedUp());
-    const int sweepPeriod = m_selectTimeout <= 0 ? 1 : m_deadSocketCheckInterval / m_selectTimeout;
-    std::int32_t loopCount = 0;
+    // The sweep keeps the period that whole cycles of the full time-out would give it (none
+    // when the interval is shorter than one time-out, every cycle when the time-out is 0),
+    // measured by the clock: a wake-up or a pending event makes cycles much shorter.
+    const bool sweepEnabled = m_selectTimeout <= 0 || m_deadSocketCheckInterval / m_selectTimeout > 0;
+    const std::uint64_t sweepPeriod =
+        m_selectTimeout <= 0
+            ? 0
+            : static_cast<std::uint64_t>(m_deadSocketCheckInterval / m_selectTimeout) * static_cast<std::uint64_t>(m_selectTimeout);
+    std::uint64_t lastSweep = 0;
 
     std::vector<pollfd> sets;
     std::vector<short> wanted;
@@ -304,15 +351,20 @@ void SelectReactor::ThreadMain() {
     m_conditionStarted.Signal();
     while (m_bRunning) {
         processCommands_i();
-        if (sweepPeriod > 0 && loopCount % sweepPeriod == 0) {
-            clearDeadSockets_i(Common::GetTickCount64());
+        if (sweepEnabled) {
+            const std::uint64_t now = Common::GetTickCount64();
+            if (lastSweep == 0 || now - lastSweep >= sweepPeriod) {
+                lastSweep = now;
+                clearDeadSockets_i(now);
+            }
         }
         if (m_vectorSelectEventSubscriber.empty()) {
             m_conditionCommand.Wait();
             continue;
         }
 
-        // One poll entry per subscriber, in list order; each "set" keeps its count limit.
+        // One poll entry per subscriber, in list order; each "set" keeps its count limit. The
+        // wake-up descriptor comes last and belongs to no set.
         const std::size_t subscriberCount = m_vectorSelectEventSubscriber.size();
         sets.assign(subscriberCount, pollfd{-1, 0, 0});
         wanted.assign(subscriberCount, 0);
@@ -350,14 +402,22 @@ void SelectReactor::ThreadMain() {
                 anyPending = true;
             }
         }
+        sets.push_back(pollfd{m_wakeFd, POLLIN, 0});
 
         int result;
         {
             m_bLockHeldByThread = false;
             Common::ScopedUnlock unlocked(&m_lock);
-            result = poll(sets.data(), static_cast<nfds_t>(sets.size()), waitMilliseconds);
+            // A pending event is delivered now, not after a full time-out.
+            result = poll(sets.data(), static_cast<nfds_t>(sets.size()), anyPending ? 0 : waitMilliseconds);
         }
         m_bLockHeldByThread = true;
+
+        if (result > 0 && sets.back().revents != 0) {
+            drainWakeUp_i();
+            --result;
+        }
+        sets.pop_back();
 
         if (result < 0 && errno != EINTR) {
             LOG4CXX_FATAL(logger, "select returned < 0");
@@ -376,8 +436,6 @@ void SelectReactor::ThreadMain() {
             }
             m_bLockHeldByThread = true;
         }
-        // Wraps to negative numbers after 2^31 cycles; the remainder test stays valid.
-        loopCount = static_cast<std::int32_t>(static_cast<std::uint32_t>(loopCount) + 1u);
     }
     m_bLockHeldByThread = false;
 }

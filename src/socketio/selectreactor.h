@@ -1,12 +1,12 @@
 // socketio::SelectReactor: the one event loop. It owns one thread, "net.SelectReactor",
 // that waits for the sockets of all subscribers and calls them back. Other threads never
-// touch the subscriber list: they post a command and wait until the reactor thread has
-// carried it out (at most one wait time-out and one dispatch later; a running wait is never
-// interrupted). Owned by counted references: the host's, and each registered subscriber's.
+// touch the subscriber list: they post a command, wake the running wait through an eventfd,
+// and wait until the reactor thread has carried the command out. Owned by counted
+// references: the host's, and each registered subscriber's.
 //
 // The wait is poll(2) over an array built each cycle from the subscribers' masks, so
 // descriptors of any value work; the count limits of the classic select sets are kept:
-// at most 1023 subscribers and 1024 sockets per set.
+// at most 1023 subscribers and 1024 sockets per set (the wake-up descriptor counts in none).
 #pragma once
 
 #include <atomic>
@@ -38,12 +38,16 @@ public:
     // refused and registered subscriber without calling them.
     void stopProcessing() override;
 
-    // Any thread; returns when the subscriber is in the list. Throws
+    // Any thread; returns when the reactor thread has taken the subscriber in (it may have
+    // dropped it again by then, if its connection ended at once). Throws
     // socketio::InternalException "too many open sockets" at the limit and "select reactor is
     // no longer operational" when the reactor is not running.
     void registerSubscriber(ISelectEventSubscriber * subscriber);
     // Any thread; returns when the subscriber has left the list (or the reactor stopped).
     void unregisterSubscriber(ISelectEventSubscriber * subscriber);
+    // Any thread: ends a running wait at once, so that the next cycle asks every subscriber
+    // for its mask again. For a subscriber whose interest changed on another thread.
+    void wakeUp();
 
     // Linear searches, with m_lock held; a refusal is collected (erased) once.
     bool hasSubscriber(ISelectEventSubscriber * subscriber) const;
@@ -78,17 +82,30 @@ public:
     };
 
 private:
+    // Lives on the stack of the thread that posted the command; the reactor thread fills it
+    // in under m_lock. The poster withdraws its command before it leaves, so the pointer
+    // never outlives its frame.
+    struct CommandStatus {
+        bool done = false;
+        bool refused = false;
+    };
     struct Command {
         bool add;
         Common::SmartPtr<ISelectEventSubscriber> subscriber;
+        CommandStatus * status;
     };
     using SubscriberList = std::vector<Common::SmartPtr<ISelectEventSubscriber>>;
 
-    // Reactor thread only.
-    void addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread);
+    // Reactor thread only. addSubscriber answers false when it parked a refusal.
+    bool addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread);
     void removeSubscriber(ISelectEventSubscriber * subscriber);
     void processCommands_i();
-    void withdrawCommand_i(ISelectEventSubscriber * subscriber);
+    // m_lock held: posts a command of another thread and waits until it is carried out or
+    // the reactor stops; a command not carried out is withdrawn. True when it was done.
+    bool postAndWait_i(bool add, ISelectEventSubscriber * subscriber, CommandStatus & status);
+    void withdrawCommand_i(const CommandStatus * status);
+    void wakeUp_i();
+    void drainWakeUp_i();
     void clearDeadSockets_i(std::uint64_t now);
     void dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
                         const std::vector<short> & wanted, const std::vector<bool> & pendingFlags);
@@ -108,6 +125,10 @@ private:
     SubscriberList m_vectorSelectEventSubscriber;  // GUARDED_BY(m_lock)
     SubscriberList m_vectorFailedSubscriber;       // GUARDED_BY(m_lock)
     std::vector<Command> m_vectorCommand;          // GUARDED_BY(m_lock)
+    // eventfd in every wait, written when a command is posted or the reactor is stopped;
+    // -1 if the system gave none (a posted command then waits for the time-out).
+    int m_wakeFd;
+    bool m_bWakePending;                           // GUARDED_BY(m_lock)
     // Reactor thread only: whether the reactor thread holds m_lock right now. Its own
     // register/unregister calls take the lock only when it is free (during a dispatch), so
     // that waiting threads never read the list while it changes.

@@ -25,7 +25,7 @@ int errorOrContinue() {
 }
 }  // namespace
 
-TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_lastEventTime(0) {
+TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_readInterest(nullptr), m_lastEventTime(0) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
@@ -43,14 +43,21 @@ void TCPChannel::close() {
 void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
     LOG4CXX_TRACE(logger, "setChannelHandler");
     m_channelHandler = handler;
+    m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
 }
 
 short TCPChannel::getEventMask() noexcept {
     if (!m_channelHandler) {
         return socketio::SELECT_EVENT_READ;
     }
-    return m_channelHandler->hasPendingWrite() ? short(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE)
-                                               : socketio::SELECT_EVENT_READ;
+    short mask = 0;
+    if (m_readInterest == nullptr || m_readInterest->wantsRead()) {
+        mask |= socketio::SELECT_EVENT_READ;
+    }
+    if (m_channelHandler->hasPendingWrite()) {
+        mask |= socketio::SELECT_EVENT_WRITE;
+    }
+    return mask;
 }
 
 bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {

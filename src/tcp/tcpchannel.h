@@ -9,6 +9,7 @@
 
 #include "corvane/channel.h"
 #include "socketio/iselecteventsubscriber.h"
+#include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
 
 namespace tcp {
@@ -32,6 +33,8 @@ public:
     net::IWriteDataStream * getWriteDataStream() override { return this; }
     net::IChannelHandler * getChannelHandler() const override { return m_channelHandler.get(); }
     // Any thread, no lock: replacing the handler during a dispatch is the caller's risk.
+    // A handler that implements socketio::IReadInterest is asked before each wait whether
+    // it wants read events.
     void setChannelHandler(net::IChannelHandler * handler) override;
 
     // Reactor thread only.
@@ -50,6 +53,8 @@ public:
 private:
     unsigned int m_socket;
     Common::SmartPtr<net::IChannelHandler> m_channelHandler;
+    // The handler's read-interest face, if it has one; found when the handler is set.
+    socketio::IReadInterest * m_readInterest;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
     // The reactor this channel was first registered with, kept after removal so that close()
     // on a host thread can synchronise with the reactor ending the channel.

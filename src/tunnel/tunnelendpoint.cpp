@@ -64,6 +64,11 @@ bool TunnelEndPoint::hasPendingWrite() {
     return peer != nullptr && peer->m_filled.load(std::memory_order_relaxed) > 0;
 }
 
+bool TunnelEndPoint::wantsRead() {
+    // A closed end point still reads, so that its channel's read path finds the end.
+    return m_closed.load() || m_filled.load(std::memory_order_relaxed) < m_bufferSize;
+}
+
 void TunnelEndPoint::onRead(IReadDataStream * stream) {
     if (m_closed.load()) {
         return;

@@ -10,12 +10,13 @@
 
 #include "common/lock.h"
 #include "corvane/channel.h"
+#include "socketio/readinterest.h"
 
 namespace net {
 
 class TunnelStore;
 
-class TunnelEndPoint : public IChannelHandler {
+class TunnelEndPoint : public IChannelHandler, public socketio::IReadInterest {
 public:
     // One per tunnel, shared by both end points: it guards both rings, both peer pointers,
     // both channel references and both closed flags, so that no peer is ever half gone.
@@ -34,6 +35,9 @@ public:
     // Reactor thread, with the reactor's lock held: takes no lock of its own. True when the
     // peer's ring holds bytes for this end point's channel.
     bool hasPendingWrite() override;
+    // Reactor thread, with the reactor's lock held: false while the own ring is full, so
+    // that the channel stops asking for reads until the peer's onWrite makes room.
+    bool wantsRead() override;
     // Reactor thread. One recv into the contiguous free stretch of the own ring. A full ring
     // reads nothing: the bytes stay in the transport, which is the whole back-pressure.
     void onRead(IReadDataStream * stream) override;

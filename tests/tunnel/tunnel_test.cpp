@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -37,6 +38,18 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// CPU time of the whole process (the reactor thread included) over a span of sleep.
+long cpuMillisecondsOver(std::chrono::milliseconds span) {
+    auto cpu = [] {
+        timespec now{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return static_cast<long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    };
+    long before = cpu();
+    std::this_thread::sleep_for(span);
+    return cpu() - before;
+}
 
 bool waitFor(const std::function<bool()> & done, int milliseconds = 5000) {
     auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
@@ -230,6 +243,8 @@ TEST_F(Tunnels, RingFullStopsOnlyItsDirection) {
         }
     }
     ASSERT_LT(sent, upstream.size()) << "the stalled direction never pushed back";
+    // While stalled, the full ring costs no busy loop of the reactor.
+    EXPECT_LT(cpuMillisecondsOver(std::chrono::milliseconds(500)), 100) << "the reactor spins on a full ring";
 
     // The other direction goes on, byte for byte.
     fcntl(client, F_SETFL, fcntl(client, F_GETFL) & ~O_NONBLOCK);

@@ -16,6 +16,9 @@
 
 #include "commands.h"
 #include "host.h"
+// The one internal header the host uses: a pure interface, so that the library's channels stop
+// reading for the echo handler while its echo waits for the socket.
+#include "socketio/readinterest.h"
 
 namespace cli {
 
@@ -23,11 +26,14 @@ namespace {
 
 // Echoes what it reads. Reads pause while echoed data waits for the socket, so memory stays
 // bounded; what is left when the peer ends is flushed for a short while before the close.
-class EchoHandler : public net::IChannelHandler {
+class EchoHandler : public net::IChannelHandler, public socketio::IReadInterest {
 public:
     explicit EchoHandler(net::IChannel * channel) : m_channel(channel) {}
 
     bool hasPendingWrite() override { return m_offset < m_pending.size(); }
+    // A peer that sends without reading makes the channel stop asking for reads, instead of
+    // waking the reactor for bytes that cannot be taken.
+    bool wantsRead() override { return !hasPendingWrite(); }
     void onRead(net::IReadDataStream * stream) override {
         if (hasPendingWrite()) {
             flush(m_channel->getWriteDataStream());

@@ -92,9 +92,7 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
         throw cli::UsageError("tunnel needs LISTEN_URI and TARGET_URI");
     }
 
-    // A registration from the creator thread waits for the reactor's next cycle (there is no
-    // wake-up of a running wait), so a short cycle keeps new tunnel connections quick.
-    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 2));
+    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(cli::hostSocketOptions()));
     Common::SmartPtr<net::ITunnelStore> store(
         context.module->createTunnelStore(reactor.get(), factory.get(), bufferSize));
