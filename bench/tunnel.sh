@@ -12,6 +12,8 @@ TUNNELBENCH=${TUNNELBENCH:-$(dirname "$CORVANE")/../../bench/tunnelbench}
 REPEAT=${REPEAT:-5}
 BULK_BYTES=${BULK_BYTES:-268435456}
 RATE_SECONDS=${RATE_SECONDS:-1}
+LATENCY_ROUNDS=${LATENCY_ROUNDS:-5000}
+STALL_SECONDS=${STALL_SECONDS:-3}
 
 for program in "$CORVANE" "$TUNNELBENCH"; do
     [[ -x $program ]] || { echo "tunnel.sh: $program is not built" >&2; exit 1; }
@@ -92,3 +94,66 @@ measure() {
 
 measure bulk "$BULK_BYTES" "tunnel throughput" "MB/s"
 measure rate "$RATE_SECONDS" "tunnel connection rate" "conn/s"
+
+# Round trips of 64 bytes with every process on CPU 0: unpinned round trips on a 2-CPU machine
+# are bimodal (the two ends wake on the same or on different CPUs) and mean nothing.
+for pid in "${pids[@]}"; do taskset -apc 0 "$pid" >/dev/null; done
+latency() {
+    local -A p50s=() p99s=()
+    for _ in $(seq 1 "$REPEAT"); do
+        for target in corvane socat direct; do
+            case $target in
+                corvane) port=$corvane_port ;;
+                socat) port=$socat_port ;;
+                direct) port=$server_port ;;
+            esac
+            read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "$port" "$LATENCY_ROUNDS")
+            p50s[$target]+=" $p50"
+            p99s[$target]+=" $p99"
+        done
+    done
+    for figure in p50 p99; do
+        local line="tunnel latency $figure (pinned to cpu 0):" median
+        declare -A medians=()
+        for target in corvane socat direct; do
+            local values
+            if [[ $figure == p50 ]]; then values=${p50s[$target]}; else values=${p99s[$target]}; fi
+            # shellcheck disable=SC2086
+            read -r median min max < <(stats $values)
+            medians[$target]=$median
+            line+=" $target $median us (min/median/max $min/$median/$max),"
+        done
+        line=${line%,}
+        line+=$(awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
+            'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f", c / s, c / d }')
+        echo "$line"
+    done
+}
+latency
+
+# CPU while stalled: a client pushes into a tunnel in front of `corvane serve --echo` and reads
+# nothing; both corvane processes should sleep, not spin, while the buffers stay full.
+"$CORVANE" serve tcp://127.0.0.1 --echo >"$work/echo" &
+pids+=($!)
+echo_pid=$!
+wait_for grep -q '^listening on ' "$work/echo"
+echo_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/echo")
+"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$echo_port" >"$work/stalltunnel" &
+pids+=($!)
+stall_tunnel_pid=$!
+wait_for grep -q '^listening on ' "$work/stalltunnel"
+stall_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/stalltunnel")
+cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+"$TUNNELBENCH" stall "$stall_port" $((STALL_SECONDS + 1)) >"$work/stalled" &
+stall_client=$!
+sleep 0.5
+tunnel_before=$(cpu_ticks "$stall_tunnel_pid")
+echo_before=$(cpu_ticks "$echo_pid")
+sleep "$STALL_SECONDS"
+tunnel_after=$(cpu_ticks "$stall_tunnel_pid")
+echo_after=$(cpu_ticks "$echo_pid")
+wait "$stall_client"
+hz=$(getconf CLK_TCK)
+awk -v t=$((tunnel_after - tunnel_before)) -v e=$((echo_after - echo_before)) -v hz="$hz" -v s="$STALL_SECONDS" \
+    -v b="$(cat "$work/stalled")" \
+    'BEGIN { printf "stalled CPU over %d s (client wrote %.1f MB, read nothing): corvane tunnel %.1f%%, corvane serve --echo %.1f%% (aim: under 5%% each)\n", s, b / 1e6, 100 * t / hz / s, 100 * e / hz / s }'

@@ -2,6 +2,9 @@
 //   tunnelbench serve               listens on 127.0.0.1, port 0, prints the port, serves until killed
 //   tunnelbench bulk PORT BYTES     one connection carries BYTES; prints MB/s
 //   tunnelbench rate PORT SECONDS   connections one after another, each a small exchange; prints conn/s
+//   tunnelbench latency PORT COUNT  one connection, COUNT exchanges of 64 bytes; prints p50 and p99 in us
+//   tunnelbench stall PORT SECONDS  one connection that sends as fast as it can and reads nothing for
+//                                   SECONDS (its peer is an echo server); prints the bytes taken
 // Exchange: the client sends an 8-byte length and that many bytes; the server answers one byte
 // once it has them all. Nobody half-closes, since a tunnel ends a connection on the first end.
 #include <arpa/inet.h>
@@ -10,6 +13,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -130,6 +136,43 @@ int main(int argc, char ** argv) {
             }
         }
     }
+    if (mode == "latency" && argc == 4) {
+        int fd = connectTo(std::atoi(argv[2]));
+        const long count = std::atol(argv[3]);
+        std::vector<char> payload(64, 'x');
+        std::vector<double> samples;
+        for (long i = 0; i < count; ++i) {
+            auto start = std::chrono::steady_clock::now();
+            if (!exchange(fd, payload, payload.size())) {
+                std::fprintf(stderr, "latency: connection ended early\n");
+                return 1;
+            }
+            samples.push_back(seconds(start) * 1e6);
+        }
+        close(fd);
+        std::sort(samples.begin(), samples.end());
+        std::printf("%.1f %.1f\n", samples[samples.size() / 2], samples[samples.size() * 99 / 100]);
+        return 0;
+    }
+    if (mode == "stall" && argc == 4) {
+        int fd = connectTo(std::atoi(argv[2]));
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+        std::vector<char> payload(1 << 16, 'x');
+        auto start = std::chrono::steady_clock::now();
+        const double limit = std::atof(argv[3]);
+        long long taken = 0;
+        while (seconds(start) < limit) {
+            ssize_t n = send(fd, payload.data(), payload.size(), MSG_NOSIGNAL);
+            if (n > 0) {
+                taken += n;
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        }
+        std::printf("%lld\n", taken);
+        close(fd);
+        return 0;
+    }
     if ((mode == "bulk" || mode == "rate") && argc == 4) {
         int port = std::atoi(argv[2]);
         std::vector<char> payload(1 << 20, 'x');
@@ -160,6 +203,7 @@ int main(int argc, char ** argv) {
         std::printf("%.0f\n", static_cast<double>(done) / seconds(start));
         return 0;
     }
-    std::fprintf(stderr, "usage: tunnelbench serve | bulk PORT BYTES | rate PORT SECONDS\n");
+    std::fprintf(stderr, "usage: tunnelbench serve | bulk PORT BYTES | rate PORT SECONDS | latency PORT COUNT | "
+                         "stall PORT SECONDS\n");
     return 2;
 }

@@ -14,18 +14,21 @@ namespace tcp {
 namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tcp.TCPChannel");
 
-int errorOrContinue() {
+// A failed connection is logged once: a handler that keeps sending into it must not fill a disk.
+int errorOrContinue(std::atomic<bool> & failureLogged) {
     int error = errno;
     if (error == EAGAIN || error == EWOULDBLOCK) {
         LOG4CXX_TRACE(logger, "send: ==> EWOULDBLOCK ");
         return 0;
     }
-    LOG4CXX_ERROR(logger, "send: failed with error code '" << error << "' : " << socketio::SystemErrorText(error));
+    if (!failureLogged.exchange(true)) {
+        LOG4CXX_ERROR(logger, "send: failed with error code '" << error << "' : " << socketio::SystemErrorText(error));
+    }
     return -1;
 }
 }  // namespace
 
-TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_readInterest(nullptr), m_lastEventTime(0) {
+TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_readInterest(nullptr), m_lastEventTime(0), m_sendFailureLogged(false) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
@@ -99,7 +102,7 @@ int TCPChannel::recv(int length, void * buffer) {
 int TCPChannel::send(int length, const void * buffer) {
     // MSG_NOSIGNAL: a peer that has gone must never kill the host with SIGPIPE.
     ssize_t sent = ::send(static_cast<int>(m_socket), buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
-    return sent >= 0 ? static_cast<int>(sent) : errorOrContinue();
+    return sent >= 0 ? static_cast<int>(sent) : errorOrContinue(m_sendFailureLogged);
 }
 
 }  // namespace tcp

@@ -4,6 +4,7 @@
 // references; it does not own its handler's thread rules: callbacks run on the reactor thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -63,6 +64,7 @@ private:
     std::string m_localURI;
     std::string m_peerURI;
     std::string m_description;
+    std::atomic<bool> m_sendFailureLogged;
 };
 
 }  // namespace tcp

@@ -110,14 +110,21 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
             // A negative result (nothing to read, or a failure that ends the channel anyway)
             // moves nothing: applied as it stood it would wrap the counters and let onWrite
             // read outside the ring.
-            if (received > 0) {
-                const auto moved = static_cast<std::uint32_t>(received);
-                m_free -= moved;
-                m_filled.fetch_add(moved, std::memory_order_relaxed);
-                m_writePos += moved;
-                if (m_writePos == m_bufferEnd) {
-                    m_writePos = m_buffer;
-                }
+            if (received <= 0) {
+                return;
+            }
+            const auto moved = static_cast<std::uint32_t>(received);
+            m_free -= moved;
+            m_filled.fetch_add(moved, std::memory_order_relaxed);
+            m_writePos += moved;
+            if (m_writePos == m_bufferEnd) {
+                m_writePos = m_buffer;
+            }
+            // Forwarded at once where the peer's channel takes it: waiting for the peer's
+            // onWrite would cost a whole reactor cycle per direction. A failure is left to the
+            // peer's own onWrite, which ends the tunnel.
+            if (m_peer && m_peer->m_channel) {
+                m_peer->sendFromPeerRing_i(m_peer->m_channel->getWriteDataStream());
             }
             return;
         }
@@ -127,16 +134,14 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
     close();
 }
 
-void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
-    Common::ScopedLock guard(&m_lock->m_lock);
-    LOG4CXX_TRACE(logger, "onWrite[" << m_description << "]");
+int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     TunnelEndPoint * peer = m_peer.get();
     if (peer == nullptr) {
-        return;
+        return 0;
     }
     std::uint32_t length = peer->m_filled.load(std::memory_order_relaxed);
     if (length == 0) {
-        return;
+        return 0;
     }
     if (static_cast<std::size_t>(peer->m_bufferEnd - peer->m_readPos) < length) {
         length = static_cast<std::uint32_t>(peer->m_bufferEnd - peer->m_readPos);
@@ -145,8 +150,7 @@ void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
         length = kMaxStreamCall;
     }
     int sent = stream->send(static_cast<int>(length), peer->m_readPos);
-    // 0: the stream would block, retry on the next onWrite. Negative: the channel failed and
-    // its onClose or onError follows; moving the positions by it would corrupt the ring.
+    // 0: the stream would block, retry on the next onWrite.
     if (sent > 0) {
         const auto moved = static_cast<std::uint32_t>(sent);
         peer->m_filled.fetch_sub(moved, std::memory_order_relaxed);
@@ -156,6 +160,21 @@ void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
             peer->m_readPos = peer->m_buffer;
         }
     }
+    return sent;
+}
+
+void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        LOG4CXX_TRACE(logger, "onWrite[" << m_description << "]");
+        if (sendFromPeerRing_i(stream) >= 0) {
+            return;
+        }
+    }
+    // Negative: the connection failed. With the own ring full the read path, which would find
+    // the end, is not asked any more, so the tunnel ends here, as it would on a read error.
+    LOG4CXX_INFO(logger, "onWrite[" << lockedDescription() << "]: send failed, closing the tunnel");
+    close();
 }
 
 bool TunnelEndPoint::detach_i(Detached & detached) {

@@ -62,6 +62,9 @@ public:
 private:
     friend class TunnelStore;  // joins a pair under the shared lock (connectEndpoints)
 
+    // With the shared lock held: one send of the peer's ring to `stream` (the own channel's);
+    // the send's result.
+    int sendFromPeerRing_i(IWriteDataStream * stream);
     // With the shared lock held: keeps m_peer and the pointer read by hasPendingWrite together.
     void setPeer_i(TunnelEndPoint * peer);
     // What an end point lets go of when it closes; released by the caller outside the lock.

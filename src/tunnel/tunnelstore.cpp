@@ -6,6 +6,7 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/internalexception.h"
+#include "socketio/selectreactor.h"
 #include "tunnel/tunnelcreatorthread.h"
 #include "tunnel/tunnelendpoint.h"
 #include "tunnel/tunnelservice.h"
@@ -179,6 +180,12 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * end
     if (!peerHasChannel) {
         // The accepted side closed while the connection was being made.
         newEndPoint->close();
+        return;
+    }
+    // What the client sent before the join waits in its ring: the reactor asks the new
+    // channel for its mask now rather than after its running wait.
+    if (auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(m_reactor.get())) {
+        selectReactor->wakeUp();
     }
 }
 
