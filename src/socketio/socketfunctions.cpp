@@ -1,5 +1,6 @@
 #include "socketio/socketfunctions.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "socketio/internalexception.h"
@@ -141,6 +143,29 @@ unsigned int SocketConnect(const net::URI & uri, const socket_options & options)
     return socket;
 }
 
+namespace {
+// One descriptor kept in reserve for the whole process: at the descriptor limit a listening
+// socket stays readable while every accept fails, and the reactor would wake for it again and
+// again. Giving the reserve up for a moment lets the waiting connection be accepted and closed
+// (the libev documentation's remedy, as muduo's Acceptor applies it).
+// Opened when the module loads, before any limit can be near.
+std::mutex g_spareMutex;
+int g_spareDescriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);  // GUARDED_BY(g_spareMutex)
+}  // namespace
+
+void ShedConnectionWithSpareDescriptor(unsigned int listenSocket) {
+    std::lock_guard<std::mutex> guard(g_spareMutex);
+    if (g_spareDescriptor >= 0) {
+        close(g_spareDescriptor);
+        g_spareDescriptor = -1;
+    }
+    int fd = accept4(static_cast<int>(listenSocket), nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        close(fd);
+    }
+    g_spareDescriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
 unsigned int SocketListen(const net::URI & uri, const socket_options & options) {
     net::URI::SocketAddress addresses;
     uri.ToSockAddress(addresses, true);
@@ -167,7 +192,11 @@ unsigned int SocketListen(const net::URI & uri, const socket_options & options) 
         close(fd);
         throw InternalException(("while binding to " + uri.ToString()).c_str(), true);
     }
-    listen(fd, options.backlog);
+    if (listen(fd, options.backlog) != 0) {
+        int error = errno;
+        close(fd);
+        throw InternalException(("while listening on " + uri.ToString() + ": " + SystemErrorText(error)).c_str(), true);
+    }
     return static_cast<unsigned int>(fd);
 }
 
@@ -178,6 +207,10 @@ unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const sock
     do {
         fd = accept4(static_cast<int>(listenSocket), reinterpret_cast<sockaddr *>(&address), &length, SOCK_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+        ShedConnectionWithSpareDescriptor(listenSocket);
+        errno = EMFILE;
+    }
     if (fd < 0) {
         return INVALID_SOCKET_HANDLE;
     }

@@ -17,11 +17,19 @@ namespace socketio {
 unsigned int SocketConnect(const net::URI & uri, const socket_options & options);
 
 // Binds one address of the URI (a wildcard host prefers IPv6, which also takes IPv4 unless
-// ipv6Only) and listens. Throws "while creating socket for <uri>" or "while binding to <uri>".
+// ipv6Only) and listens. Throws "while creating socket for <uri>", "while binding to <uri>" or
+// "while listening on <uri>: <the system's text>".
 unsigned int SocketListen(const net::URI & uri, const socket_options & options);
 
 // The invalid handle when accept fails; `peer` is then untouched. The peer's scheme is "tcp".
+// At the descriptor limit (EMFILE, ENFILE) the waiting connection is accepted with the spare
+// descriptor and closed at once, so that the listening socket does not stay readable; errno is
+// then EMFILE.
 unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const socket_options & options);
+
+// Gives the process's spare descriptor up for a moment to accept and close one waiting
+// connection; SocketAccept's remedy at the descriptor limit.
+void ShedConnectionWithSpareDescriptor(unsigned int listenSocket);
 
 // The socket's own address; channels pass unmapIPv4 true, servers false.
 net::URI SocketLocalURI(unsigned int socket, bool unmapIPv4, const char * scheme);

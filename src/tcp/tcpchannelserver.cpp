@@ -14,9 +14,19 @@ namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tcp.TCPChannelServer");
 }
 
+void TellHandlerOfFailure(net::IChannelHandler * handler) noexcept {
+    try {
+        handler->onError();
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, "accept failed due to exception: '" << e.what() << "'");
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "accept failed due to an unknown exception caught");
+    }
+}
+
 TCPChannelServer::TCPChannelServer(unsigned int socket, net::IChannelAcceptor * acceptor,
                                    const socketio::socket_options & options)
-    : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options) {
+    : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options), m_bAcceptFailing(false) {
     m_localURI = socketio::SocketLocalURI(socket, false, "tcp").ToString();
 }
 
@@ -51,9 +61,14 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
     }
     if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
         int error = errno;
-        LOG4CXX_WARN(logger, "onAccept on new socket failed with error code '" << error
-                                                                                << "' : " << socketio::SystemErrorText(error));
+        // Once per burst: at the descriptor limit every waiting connection fails alike.
+        if (!m_bAcceptFailing) {
+            m_bAcceptFailing = true;
+            LOG4CXX_WARN(logger, "onAccept on new socket failed with error code '"
+                                     << error << "' : " << socketio::SystemErrorText(error));
+        }
     } else {
+        m_bAcceptFailing = false;
         onAccept(newSocket, peer);
     }
     return true;
@@ -61,10 +76,11 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
 
 void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) noexcept {
     Common::SmartPtr<TCPChannel> channel;
+    Common::SmartPtr<net::IChannelHandler> handler;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
         channel = new TCPChannel(socket);
-        Common::SmartPtr<net::IChannelHandler> handler(m_acceptor->accept(channel.get()));
+        handler = m_acceptor->accept(channel.get());
         if (handler) {
             channel->setChannelHandler(handler.get());
             m_reactor->registerSubscriber(channel.get());
@@ -82,5 +98,10 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     }
     socketio::SocketClose(socket);
     socket = socketio::INVALID_SOCKET_HANDLE;
+    // A handler was given but its channel never ran (the reactor refused it at its limit): it
+    // hears of the end as of any failed connection, so that whatever it set up goes too.
+    if (handler) {
+        TellHandlerOfFailure(handler.get());
+    }
 }
 }  // namespace tcp

@@ -42,6 +42,11 @@ private:
     Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
     socketio::socket_options m_socketOptions;
     std::string m_localURI;
+    bool m_bAcceptFailing;  // reactor thread only: the last accept failed
 };
+
+// Reactor thread: tells the handler of a connection that was accepted but could not run that
+// it ended (onError), logging what it throws. For every channel server's accept path.
+void TellHandlerOfFailure(net::IChannelHandler * handler) noexcept;
 
 }  // namespace tcp
