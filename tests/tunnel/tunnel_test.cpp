@@ -505,4 +505,43 @@ TEST_F(Tunnels, AcceptedChannelRefusedAtTheLimitLeavesNoOutgoingConnectionAndNoE
     }
 }
 
+// A target whose backlog is full leaves its connect hanging (its SYNs are dropped): other
+// connections of the same store must not wait for it, and the store's shutdown abandons it.
+TEST_F(Tunnels, HangingTargetDelaysNoOtherConnectionAndShutdownAbandonsIt) {
+    unsigned short slowPort = 0;
+    int slow = corvane_test::LoopbackListen(slowPort, 0);
+    std::vector<int> queued;
+    for (int i = 0; i < 3; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(slowPort);
+        connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        queued.push_back(fd);
+    }
+    corvane_test::EchoServer echo;
+    unsigned short hangingTunnel = startTunnel("tcp://127.0.0.1:" + std::to_string(slowPort));
+    unsigned short quickTunnel = startTunnel("tcp://127.0.0.1:" + std::to_string(echo.port()));
+    int waiting = connectTo(hangingTunnel);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+    auto start = Clock::now();
+    int client = connectTo(quickTunnel);
+    ASSERT_TRUE(sendAll(client, "ping"));
+    EXPECT_EQ(recvExact(client, 4), "ping");
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(200)) << "a hanging target held another connection";
+    close(client);
+
+    start = Clock::now();
+    store->shutdown();
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << "shutdown waited for a hanging connect";
+    EXPECT_TRUE(seesEnd(waiting));
+    close(waiting);
+    for (int fd : queued) {
+        close(fd);
+    }
+    close(slow);
+}
+
 }  // namespace
