@@ -254,6 +254,42 @@ TEST_F(ProxyConnect, OnlyNegotiateOrNtlmAreTriedAndNegotiateWins) {
     EXPECT_EQ(target.accepted(), 1);
 }
 
+// Sets or removes one variable for the life of the object.
+class ScopedVariable {
+public:
+    ScopedVariable(const char * name, const char * value) : m_name(name) {
+        if (const char * old = std::getenv(name)) {
+            m_old = old;
+            m_had = true;
+        }
+        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+    }
+    ~ScopedVariable() { m_had ? setenv(m_name, m_old.c_str(), 1) : unsetenv(m_name); }
+    ScopedVariable(const ScopedVariable &) = delete;
+    ScopedVariable & operator=(const ScopedVariable &) = delete;
+
+private:
+    const char * m_name;
+    std::string m_old;
+    bool m_had = false;
+};
+
+TEST_F(ProxyConnect, NegotiateForAUserWithoutCredentialsFailsOverToTheNextWay) {
+    ScopedVariable noTicket("KRB5CCNAME", "FILE:/nonexistent/corvane-no-ticket");
+    ScopedVariable noNtlmUser("NTLM_USER_FILE", nullptr);
+    ScriptedProxy proxy({{{{"HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Negotiate\r\n"
+                            "Content-Length: 0\r\n\r\n"}}}});
+    environment.set("http_proxy", proxy.address());
+    corvane_test::EchoServer target;
+    unsigned int socket = connectThrough("http://localhost:" + std::to_string(target.port()));
+    EXPECT_EQ(echoThrough(socket, "direct"), "direct");
+    socketio::SocketClose(socket);
+    EXPECT_EQ(log.count(kAuthLog, "INFO", "adding Negotiate authenticate method for Proxy-Authenticate header 'Negotiate'"),
+              1u);
+    EXPECT_EQ(log.countContaining(kConnectLog, "SocketConnectAttemptProxy: InternalException caught: "), 1u);
+    EXPECT_EQ(log.count(kConnectLog, "INFO", "Connecting directly"), 1u);
+}
+
 std::string chunk(const std::string & data) {
     char size[16];
     snprintf(size, sizeof size, "%zx", data.size());
