@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <functional>
@@ -293,7 +294,9 @@ TEST_F(Tunnels, RefusedTargetClosesTheClientAndTheNextConnectionIsServed) {
     EXPECT_TRUE(drained());
 }
 
-TEST_F(Tunnels, QuickConnectionsAreServedInOrderOfArrival) {
+// Connections are opened by several workers at once, so their order at the target is free;
+// each client still gets a connection of its own.
+TEST_F(Tunnels, QuickConnectionsAreEachServedOnAConnectionOfTheirOwn) {
     RawTarget target;
     unsigned short port = startTunnel(target.uri());
     int clients[3];
@@ -301,12 +304,15 @@ TEST_F(Tunnels, QuickConnectionsAreServedInOrderOfArrival) {
         clients[i] = connectTo(port);
         ASSERT_TRUE(sendAll(clients[i], std::string(1, static_cast<char>('0' + i))));
     }
+    std::string seen;
     for (int i = 0; i < 3; ++i) {
         int server = target.acceptWithin();
         ASSERT_GE(server, 0);
-        EXPECT_EQ(recvExact(server, 1), std::string(1, static_cast<char>('0' + i)));
+        seen += recvExact(server, 1);
         close(server);
     }
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, "012");
     for (int client : clients) {
         EXPECT_TRUE(seesEnd(client));
         close(client);
