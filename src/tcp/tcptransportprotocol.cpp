@@ -3,6 +3,7 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/optionmap.h"
+#include "proxy/proxysocketconnect.h"
 #include "socketio/internalexception.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
@@ -19,7 +20,8 @@ const char * text(const char * value) {
 }
 }  // namespace
 
-TCPTransportProtocol::TCPTransportProtocol(const socketio::socket_options & options) : m_socketOptions(options) {}
+TCPTransportProtocol::TCPTransportProtocol(const socketio::socket_options & options)
+    : m_socketOptions(options), m_proxyResolver(ProxyResolver::createResolver()) {}
 
 TCPTransportProtocol::~TCPTransportProtocol() = default;
 
@@ -30,7 +32,12 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
     net::URI parsedUri = net::URI::FromString(text(uri));
     net::OptionMap optionMap;
     optionMap.parse(options);
-    unsigned int socket = socketio::SocketConnect(parsedUri, m_socketOptions);
+    unsigned int socket;
+    if (net::OptionMap::isTrue(optionMap.get("EnableProxy", "false"))) {
+        socket = socketio::SocketConnectAttemptProxy(parsedUri, m_proxyResolver.get(), m_socketOptions);
+    } else {
+        socket = socketio::SocketConnect(parsedUri, m_socketOptions);
+    }
     Common::SmartPtr<TCPChannel> channel;
     try {
         channel = new TCPChannel(socket);

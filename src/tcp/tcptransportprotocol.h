@@ -1,9 +1,13 @@
 // tcp::TCPTransportProtocol: serves the scheme "tcp". It turns a URI into a connected or
 // listening socket and wraps it in a tcp::TCPChannel or tcp::TCPChannelServer. Created once
-// by the channel factory, which owns it; it keeps no per-connection state.
+// by the channel factory, which owns it; it keeps no per-connection state. With the option
+// EnableProxy=true it connects through the system's HTTP proxies.
 #pragma once
 
+#include <memory>
+
 #include "corvane/channel.h"
+#include "proxy/proxyresolver.h"
 #include "socketio/socketoptions.h"
 
 namespace tcp {
@@ -14,8 +18,9 @@ public:
     ~TCPTransportProtocol() override;
 
     const char * getName() const override { return "tcp"; }
-    // Caller's thread; blocks on name resolution and connect. Returns the channel registered
-    // with the reactor; the reactor's reference is its only one.
+    // Caller's thread; blocks on name resolution, connect and, with "EnableProxy" exactly
+    // "true", the proxy exchange. Returns the channel registered with the reactor; the
+    // reactor's reference is its only one.
     net::IChannel * openChannel(net::IReactor * reactor, const char * uri, net::IChannelHandler * handler,
                                 const char * options) override;
     // Caller's thread; binds and listens. Options are not read for a plain TCP server.
@@ -24,6 +29,9 @@ public:
 
 protected:
     socketio::socket_options m_socketOptions;
+    // Made with the protocol, so that concurrent openChannel calls only read it; asked anew
+    // for each proxied connection and never shared with another protocol.
+    std::unique_ptr<ProxyResolver::IResolver> m_proxyResolver;
 };
 
 }  // namespace tcp
