@@ -1,197 +1,162 @@
-#include "proxy/sspiexception.h"
-#include "proxy/sspiproxyauthenticator.h"
-
+// Channels through squid demanding Negotiate or NTLM, with the logged-on user's credentials
+// only: a Kerberos ticket from a throw-away KDC, or gss-ntlmssp's user file. squid checks
+// NTLM (and SPNEGO falling back to NTLM) with the tests' own GSSAPI helper, Kerberos also
+// with Debian's. A proxy that refuses the user is given up for the next one or for the
+// direct connection.
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 
 #include "childprocess.h"
 #include "echoserver.h"
+#include "environment.h"
+#include "expect.h"
+#include "framework/channelfactory.h"
 #include "kerberosrealm.h"
 #include "logcapture.h"
+#include "recordinghandler.h"
+#include "socketio/selectreactor.h"
 #include "squidproxy.h"
 
 namespace {
 
-using corvane_test::EchoServer;
-using corvane_test::KerberosRealm;
-using corvane_test::LogCapture;
 using corvane_test::ScopedEnv;
 using corvane_test::SquidProxy;
-using corvane_test::TempDir;
 using corvane_test::WriteFile;
-using socketio::SSPIProxyAuthenticator;
 
-// A blocking loopback connection with a bounded receive, for driving the dialogue by hand.
-class Connection {
-public:
-    explicit Connection(unsigned short port) {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        timeval limit{5, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-            throw std::runtime_error("connect failed");
-        }
-    }
-    ~Connection() { close(m_fd); }
-    Connection(const Connection &) = delete;
-    Connection & operator=(const Connection &) = delete;
+const char * const kConnectLog = "corvane.socketio.ProxySocketConnect";
 
-    void send(const std::string & data) {
-        for (std::size_t sent = 0; sent < data.size();) {
-            const ssize_t n = ::send(m_fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) {
-                throw std::runtime_error("send failed");
-            }
-            sent += static_cast<std::size_t>(n);
-        }
-    }
-
-    // One response, its body read and dropped, so that the next one starts clean.
-    websocketpp::http::parser::response receiveResponse() {
-        websocketpp::http::parser::response response;
-        char buffer[4096];
-        while (!response.ready()) {
-            if (response.headers_ready() && response.get_header("Content-Length").empty()) {
-                break;
-            }
-            const ssize_t n = recv(m_fd, buffer, sizeof buffer, 0);
-            if (n <= 0) {
-                throw std::runtime_error("the proxy closed or went quiet");
-            }
-            response.consume(buffer, static_cast<std::size_t>(n));
-        }
-        return response;
-    }
-
-    std::string receive(std::size_t length) {
-        std::string data;
-        char buffer[4096];
-        while (data.size() < length) {
-            const ssize_t n = recv(m_fd, buffer, std::min(sizeof buffer, length - data.size()), 0);
-            if (n <= 0) {
-                break;
-            }
-            data.append(buffer, static_cast<std::size_t>(n));
-        }
-        return data;
-    }
-
-private:
-    int m_fd;
-};
-
-// The CONNECT dialogue with one proxy: the plain request, and on a 407 the offered method on
-// a new connection for as long as the authenticator goes on. The tunnel's connection, or
-// null when the proxy was given up.
-std::unique_ptr<Connection> openTunnel(const SquidProxy & squid, unsigned short target) {
-    const std::string where = "127.0.0.1:" + std::to_string(target);
-    auto connection = std::make_unique<Connection>(squid.port());
-    connection->send("CONNECT " + where + " HTTP/1.1\r\nHost: " + where + "\r\n\r\n");
-    websocketpp::http::parser::response response = connection->receiveResponse();
-    if (response.get_status_code() != websocketpp::http::status_code::proxy_authentication_required) {
-        return nullptr;
-    }
-    const std::string offer = response.get_header("Proxy-Authenticate");
-    const char * method = offer.find("Negotiate") != std::string::npos ? "Negotiate" : "NTLM";
-    SSPIProxyAuthenticator authenticator(method, net::URI::FromString("http://localhost:" + std::to_string(squid.port())),
-                                         net::URI::FromString("tcp://" + where), "corvane-test");
-    connection = std::make_unique<Connection>(squid.port());
-    for (int leg = 0; leg < 4; ++leg) {
-        connection->send(authenticator.getRequest().raw());
-        switch (authenticator.handleResponse(connection->receiveResponse())) {
-        case socketio::PROXY_AUTH_SUCCESS:
-            return connection;
-        case socketio::PROXY_AUTH_CONTINUE:
-            continue;
-        default:
-            return nullptr;
-        }
-    }
-    return nullptr;
+// squid's lines for Debian's Kerberos helper, with the realm's keytab.
+std::string kerberosHelper(const corvane_test::KerberosRealm & realm) {
+    return "auth_param negotiate program /usr/lib/squid/negotiate_kerberos_auth -s HTTP/localhost@TEST.LOCAL -k " +
+           realm.keytab() + "\nauth_param negotiate children 2\n";
 }
 
-void expectEcho(Connection & tunnel) {
-    const std::string data = "through the proxy";
-    tunnel.send(data);
-    EXPECT_EQ(tunnel.receive(data.size()), data);
-}
-
-// gss-ntlmssp's user file for the proxy's helper, and the squid lines of the tests' own
-// GSSAPI helper (in NTLM or Negotiate mode).
-std::string helperLines(const char * scheme, const char * arguments) {
-    return std::string("auth_param ") + scheme + " program " + CORVANE_SQUID_GSS_AUTH + arguments +
+// squid's lines for the tests' own GSSAPI helper, for `scheme` "ntlm" or "negotiate".
+std::string gssHelper(const std::string & scheme) {
+    return "auth_param " + scheme + " program " + CORVANE_SQUID_GSS_AUTH + (scheme == "negotiate" ? " -n" : "") +
            "\nauth_param " + scheme + " children 2\n";
 }
 
-class SquidTest : public ::testing::Test {
+class SquidAuthentication : public ::testing::Test {
 protected:
-    SquidTest()
-        : m_users("corvane-ntlm"),
-          m_serverUsers("NTLM_USER_FILE", (m_users.path() + "/proxy").c_str()) {
-        WriteFile(m_users.path() + "/proxy", "TESTDOM:user:userpw\n");
-        WriteFile(m_users.path() + "/user", "TESTDOM:user:userpw\n");
-        WriteFile(m_users.path() + "/wrong", "TESTDOM:user:wrongpw\n");
+    SquidAuthentication() : m_users("corvane-ntlm"), m_proxyUsers("NTLM_USER_FILE", userFile("proxy").c_str()) {
+        WriteFile(userFile("proxy"), "TESTDOM:user:userpw\n");
+        WriteFile(userFile("user"), "TESTDOM:user:userpw\n");
+        WriteFile(userFile("wrong"), "TESTDOM:user:wrongpw\n");
+        // Debian's Kerberos helper runs as user proxy and reads the keytab itself.
+        if (chown(m_realm.keytab().c_str(), 0, getgrnam("proxy")->gr_gid) != 0) {
+            throw std::runtime_error("the keytab cannot be given to group proxy");
+        }
+        chmod(m_realm.keytab().c_str(), 0640);
+        m_factory = new net::ChannelFactory(net::SocketOptions());
+        m_reactor = new socketio::SelectReactor(5000, 300000, 5);
+        m_reactor->startProcessing();
+    }
+    ~SquidAuthentication() override { m_reactor->stopProcessing(); }
+
+    std::string userFile(const char * name) const { return m_users.path() + "/" + name; }
+
+    // The logged-on user's NTLM identity (a user file, or none), set after the proxies
+    // started with theirs.
+    void logOn(const char * file) {
+        m_user.reset();
+        m_user.reset(new ScopedEnv("NTLM_USER_FILE", file != nullptr ? userFile(file).c_str() : nullptr));
     }
 
-    // After squid started: the logged-on user's own NTLM user file.
-    std::unique_ptr<ScopedEnv> logOn(const char * file) {
-        return std::make_unique<ScopedEnv>("NTLM_USER_FILE",
-                                           file != nullptr ? (m_users.path() + "/" + file).c_str() : nullptr);
+    // Opens an "http" channel to the echo server, checks the echo, returns the channel's peer.
+    std::string echoThroughChannel() {
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        const std::string uri = "http://127.0.0.1:" + std::to_string(m_echo.port());
+        Common::SmartPtr<net::IChannel> channel(m_factory->openChannel(m_reactor.get(), uri.c_str(), handler.get(), ""));
+        handler->queue("echo me");
+        EXPECT_TRUE(corvane_test::waitFor([&] { return handler->receivedSize() >= 7; }));
+        EXPECT_EQ(handler->received(), "echo me");
+        std::string peer = channel->getPeerURI();
+        channel->close();
+        return peer;
     }
 
-    KerberosRealm m_realm;
-    TempDir m_users;
-    ScopedEnv m_serverUsers;
-    EchoServer m_echo;
-    LogCapture m_log;
+    static std::string viaSquid(const SquidProxy & squid) { return "localhost:" + std::to_string(squid.port()); }
+    // A channel's peer is the address it is connected to: the proxy's, or the target's.
+    static std::string peerOf(const SquidProxy & squid) { return "tcp://127.0.0.1:" + std::to_string(squid.port()); }
+    std::string direct() const { return "tcp://127.0.0.1:" + std::to_string(m_echo.port()); }
+
+    corvane_test::ProxyEnvironment m_environment;
+    corvane_test::KerberosRealm m_realm;
+    corvane_test::TempDir m_users;
+    ScopedEnv m_proxyUsers;
+    std::unique_ptr<ScopedEnv> m_user;
+    corvane_test::EchoServer m_echo;
+    corvane_test::LogCapture m_log{"INFO"};
+    Common::SmartPtr<net::IChannelFactory> m_factory;
+    Common::SmartPtr<socketio::SelectReactor> m_reactor;
 };
 
-TEST_F(SquidTest, KerberosTicketOpensTheTunnelAndNoTicketGivesTheProxyUp) {
-    chown(m_realm.keytab().c_str(), 0, getgrnam("proxy")->gr_gid);
-    chmod(m_realm.keytab().c_str(), 0640);
-    SquidProxy squid("auth_param negotiate program /usr/lib/squid/negotiate_kerberos_auth -s HTTP/localhost@TEST.LOCAL -k " +
-                     m_realm.keytab() + "\nauth_param negotiate children 2\n");
-    auto noNtlm = logOn(nullptr);
-    std::unique_ptr<Connection> tunnel = openTunnel(squid, m_echo.port());
-    ASSERT_NE(tunnel, nullptr) << squid.cacheLog();
-    expectEcho(*tunnel);
-    tunnel.reset();
+TEST_F(SquidAuthentication, KerberosTicketOpensTheChannelAndWithoutOneTheChannelGoesDirect) {
+    SquidProxy squid(kerberosHelper(m_realm));
+    logOn(nullptr);
+    m_environment.set("http_proxy", "http://" + viaSquid(squid));
+    EXPECT_EQ(echoThroughChannel(), peerOf(squid));
+    EXPECT_EQ(m_log.count("corvane.socketio.StandardProxyAuthenticator", "INFO",
+                          "adding Negotiate authenticate method for Proxy-Authenticate header 'Negotiate'"),
+              1u);
     EXPECT_TRUE(squid.accessLogShows("user@TEST.LOCAL"));
+    EXPECT_EQ(m_log.count(kConnectLog, "INFO", "Connecting directly"), 0u);
 
     ScopedEnv noTicket("KRB5CCNAME", ("FILE:" + m_realm.dir() + "/nothing").c_str());
-    EXPECT_THROW(openTunnel(squid, m_echo.port()), socketio::SSPIException);
+    EXPECT_EQ(echoThroughChannel(), direct());
+    EXPECT_EQ(m_log.count(kConnectLog, "ERROR",
+                          "SocketConnectAttemptProxy: InternalException caught: gss_acquire_cred:GSS_S_NO_CRED:No "
+                          "credentials were supplied, or the credentials were unavailable or inaccessible; SPNEGO "
+                          "cannot find mechanisms to negotiate"),
+              1u);
+    EXPECT_EQ(m_log.count(kConnectLog, "INFO", "Connecting directly"), 1u);
 }
 
-TEST_F(SquidTest, NtlmOpensTheTunnelAndAWrongPasswordGivesTheProxyUp) {
-    SquidProxy squid(helperLines("ntlm", ""));
-    auto user = logOn("user");
-    std::unique_ptr<Connection> tunnel = openTunnel(squid, m_echo.port());
-    ASSERT_NE(tunnel, nullptr) << squid.cacheLog();
-    expectEcho(*tunnel);
-    tunnel.reset();
+TEST_F(SquidAuthentication, NtlmUserFileOpensTheChannelAndAWrongPasswordGoesDirect) {
+    SquidProxy squid(gssHelper("ntlm"));
+    m_environment.set("http_proxy", "http://" + viaSquid(squid));
+    logOn("user");
+    EXPECT_EQ(echoThroughChannel(), peerOf(squid));
     EXPECT_TRUE(squid.accessLogShows("TESTDOM"));
 
-    auto wrong = logOn("wrong");
-    EXPECT_EQ(openTunnel(squid, m_echo.port()), nullptr);
+    logOn("wrong");
+    EXPECT_EQ(echoThroughChannel(), direct());
     EXPECT_EQ(m_log.count("corvane.socketio.SSPIProxyAuthenticator", "ERROR",
                           "exception caught: gss_init_sec_context:GSS_S_DEFECTIVE_TOKEN:Invalid token was supplied"),
               1u);
+    EXPECT_EQ(m_log.count(kConnectLog, "ERROR",
+                          "SocketConnectAttemptProxy: InternalException caught: ProxySocketConnect: unable to "
+                          "initialize connection to proxy"),
+              1u);
+    EXPECT_EQ(m_log.count(kConnectLog, "INFO", "Connecting directly"), 1u);
 }
 
-TEST_F(SquidTest, NegotiateWithoutATicketFallsBackToNtlm) {
-    SquidProxy squid(helperLines("negotiate", " -n"));
-    auto user = logOn("user");
+// Without a ticket SPNEGO offers NTLM: a proxy that takes Kerberos only refuses it with the
+// bare method, and the next one, whose helper takes both, lets the user in by NTLM.
+TEST_F(SquidAuthentication, NegotiateWithoutATicketFallsBackToNtlmAtTheNextProxy) {
+    std::unique_ptr<SquidProxy> kerberosOnly;
+    {
+        ScopedEnv noNtlm("NTLM_USER_FILE", nullptr);
+        kerberosOnly.reset(new SquidProxy(kerberosHelper(m_realm)));
+    }
+    SquidProxy both(gssHelper("negotiate"));
+    m_environment.set("http_proxy", "http://" + viaSquid(*kerberosOnly));
+    m_environment.set("all_proxy", viaSquid(both));
+    logOn("user");
     ScopedEnv noTicket("KRB5CCNAME", ("FILE:" + m_realm.dir() + "/nothing").c_str());
-    std::unique_ptr<Connection> tunnel = openTunnel(squid, m_echo.port());
-    ASSERT_NE(tunnel, nullptr) << squid.cacheLog();
-    expectEcho(*tunnel);
-    tunnel.reset();
-    EXPECT_TRUE(squid.accessLogShows("TESTDOM"));
+    EXPECT_EQ(echoThroughChannel(), peerOf(both));
+    EXPECT_EQ(m_log.count(kConnectLog, "INFO", "initiating connection with proxy '" + viaSquid(*kerberosOnly) + "'"),
+              1u);
+    // The refusal is the bare method again, which gss-ntlmssp must never be handed.
+    EXPECT_EQ(m_log.count("corvane.socketio.SSPIProxyAuthenticator", "ERROR",
+                          "exception caught: gss_init_sec_context:GSS_S_DEFECTIVE_TOKEN:Invalid token was supplied"),
+              1u);
+    EXPECT_EQ(m_log.countContaining(kConnectLog, "SocketConnectAttemptProxy: "), 1u);
+    EXPECT_EQ(m_log.count(kConnectLog, "INFO", "Connecting directly"), 0u);
+    EXPECT_TRUE(both.accessLogShows("TESTDOM"));
 }
 
 }  // namespace
