@@ -8,6 +8,7 @@
 
 #include "common/logging.h"
 #include "proxy/base64.h"
+#include "proxy/connectrequest.h"
 #include "socketio/internalexception.h"
 
 namespace socketio {
@@ -78,14 +79,7 @@ ProxyAuthenticateResult SSPIProxyAuthenticator::continueNegotiate(const std::str
 }
 
 void SSPIProxyAuthenticator::buildRequest() {
-    m_request = websocketpp::http::parser::request();
-    const std::string target = m_targetURI.getHost() + ":" + std::to_string(m_targetURI.getPort());
-    m_request.set_method("CONNECT");
-    m_request.set_uri(target);
-    m_request.set_version("HTTP/1.1");
-    m_request.replace_header("Host", target);
-    m_request.replace_header("User-Agent", m_userAgent);
-    m_request.replace_header("Proxy-Connection", "Keep-Alive");
+    m_request = ConnectRequest(m_targetURI, m_userAgent);
     std::string encoded;
     base64Encode(m_outputToken.data(), static_cast<unsigned>(m_outputToken.size()), encoded);
     m_request.replace_header("Proxy-Authorization", m_method + " " + encoded);
