@@ -20,10 +20,18 @@ const char * text(const char * value) {
 }
 }  // namespace
 
-TCPTransportProtocol::TCPTransportProtocol(const socketio::socket_options & options)
-    : m_socketOptions(options), m_proxyResolver(ProxyResolver::createResolver()) {}
+TCPTransportProtocol::TCPTransportProtocol(const socketio::socket_options & options) : m_socketOptions(options) {}
 
 TCPTransportProtocol::~TCPTransportProtocol() = default;
+
+ProxyResolver::IResolver * TCPTransportProtocol::proxyResolver() {
+    Common::ScopedLock guard(&m_proxyResolverLock);
+    if (!m_proxyResolver) {
+        m_proxyResolver.reset(ProxyResolver::createResolver());
+    }
+    // The resolver itself may serve several threads at once.
+    return m_proxyResolver.get();
+}
 
 net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
                                                   net::IChannelHandler * handler, const char * options) {
@@ -34,7 +42,7 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
     optionMap.parse(options);
     unsigned int socket;
     if (net::OptionMap::isTrue(optionMap.get("EnableProxy", "false"))) {
-        socket = socketio::SocketConnectAttemptProxy(parsedUri, m_proxyResolver.get(), m_socketOptions);
+        socket = socketio::SocketConnectAttemptProxy(parsedUri, proxyResolver(), m_socketOptions);
     } else {
         socket = socketio::SocketConnect(parsedUri, m_socketOptions);
     }

@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "common/lock.h"
 #include "corvane/channel.h"
 #include "proxy/proxyresolver.h"
 #include "socketio/socketoptions.h"
@@ -29,9 +30,13 @@ public:
 
 protected:
     socketio::socket_options m_socketOptions;
-    // Made with the protocol, so that concurrent openChannel calls only read it; asked anew
-    // for each proxied connection and never shared with another protocol.
-    std::unique_ptr<ProxyResolver::IResolver> m_proxyResolver;
+    // Made at the first connection that asks for a proxy: making one starts the system's
+    // proxy discovery (a PAC engine among it), which a host that never uses proxies should
+    // not carry. Asked anew for each proxied connection; never shared with another protocol.
+    ProxyResolver::IResolver * proxyResolver();
+
+    Common::Lock m_proxyResolverLock;
+    std::unique_ptr<ProxyResolver::IResolver> m_proxyResolver;  // guarded by m_proxyResolverLock
 };
 
 }  // namespace tcp

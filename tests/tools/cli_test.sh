@@ -81,6 +81,23 @@ check "refused connection" one_line_error "while connecting to tcp://127.0.0.1:$
 check "unknown option" one_line_error "unknown option" timeout 10 "$corvane" --colour connect x
 check "missing URI" one_line_error "a URI to connect to is needed" timeout 10 "$corvane" connect
 
+# "http" connects through the proxy of http_proxy (tinyproxy here), for connect and for a
+# tunnel's outgoing side; at INFO the log names the proxy tried and its answer.
+tport=$(free_port)
+printf '%s\n' "Port $tport" "Listen 127.0.0.1" "Allow 127.0.0.1" "LogFile \"$tmp/tp.log\"" "LogLevel Info" > "$tmp/tp.conf"
+tinyproxy -d -c "$tmp/tp.conf" & pids+=($!)
+wait_accepting "$tport"
+http_proxy="127.0.0.1:$tport" timeout 30 "$corvane" --log-level INFO connect "http://127.0.0.1:$sport" \
+    < "$tmp/in" > "$tmp/out5" 2> "$tmp/proxy.err"
+check "corvane connect http:// through tinyproxy" cmp -s "$tmp/in" "$tmp/out5"
+check "the proxy tried, at INFO" grep -qF "initiating connection with proxy '127.0.0.1:$tport'" "$tmp/proxy.err"
+check "the proxy's answer, at INFO" grep -qF "got response: HTTP/1.0 200 Connection established" "$tmp/proxy.err"
+http_proxy="127.0.0.1:$tport" "$corvane" tunnel tcp://127.0.0.1:0 "http://127.0.0.1:$sport" > "$tmp/tunnel.out" 2>/dev/null & pids+=($!)
+tunnel_port=$(listening_port "$tmp/tunnel.out")
+(printf 'through the tunnel'; sleep 1) | timeout 30 socat -t 5 - "TCP:127.0.0.1:$tunnel_port" > "$tmp/out6"
+check "tunnel to http:// through tinyproxy" test "$(cat "$tmp/out6")" = "through the tunnel"
+check "tinyproxy saw both CONNECTs" test "$(grep -c "): CONNECT 127.0.0.1:$sport " "$tmp/tp.log")" -eq 2
+
 # Ctrl-C ends an idle client at once.
 mkfifo "$tmp/fifo"
 sleep 30 > "$tmp/fifo" & pids+=($!)
