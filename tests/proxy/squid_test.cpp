@@ -33,18 +33,14 @@ std::string kerberosHelper(const corvane_test::KerberosRealm & realm) {
            realm.keytab() + "\nauth_param negotiate children 2\n";
 }
 
-// squid's lines for the tests' own GSSAPI helper, for `scheme` "ntlm" or "negotiate".
-std::string gssHelper(const std::string & scheme) {
-    return "auth_param " + scheme + " program " + CORVANE_SQUID_GSS_AUTH + (scheme == "negotiate" ? " -n" : "") +
-           "\nauth_param " + scheme + " children 2\n";
-}
-
 class SquidAuthentication : public ::testing::Test {
 protected:
     SquidAuthentication() : m_users("corvane-ntlm"), m_proxyUsers("NTLM_USER_FILE", userFile("proxy").c_str()) {
         WriteFile(userFile("proxy"), "TESTDOM:user:userpw\n");
         WriteFile(userFile("user"), "TESTDOM:user:userpw\n");
         WriteFile(userFile("wrong"), "TESTDOM:user:wrongpw\n");
+        // squid runs the helper as user proxy, who may not reach into the build tree.
+        corvane_test::Run({"cp", CORVANE_SQUID_GSS_AUTH, userFile("squid-gss-auth")}, "/dev/null");
         // Debian's Kerberos helper runs as user proxy and reads the keytab itself.
         if (chown(m_realm.keytab().c_str(), 0, getgrnam("proxy")->gr_gid) != 0) {
             throw std::runtime_error("the keytab cannot be given to group proxy");
@@ -57,6 +53,12 @@ protected:
     ~SquidAuthentication() override { m_reactor->stopProcessing(); }
 
     std::string userFile(const char * name) const { return m_users.path() + "/" + name; }
+
+    // squid's lines for the tests' own GSSAPI helper, for `scheme` "ntlm" or "negotiate".
+    std::string gssHelper(const std::string & scheme) const {
+        return "auth_param " + scheme + " program " + userFile("squid-gss-auth") +
+               (scheme == "negotiate" ? " -n" : "") + "\nauth_param " + scheme + " children 2\n";
+    }
 
     // The logged-on user's NTLM identity (a user file, or none), set after the proxies
     // started with theirs.
