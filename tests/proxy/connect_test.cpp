@@ -337,6 +337,10 @@ TEST_F(ProxyConnect, AnotherMethodsChallengeInTheMiddleOfADialogueEndsIt) {
     EXPECT_EQ(corvane_test::thrownText([&] { authenticator.handleResponse(parsed("HTTP/1.1 407 Proxy")); }),
               "response-headers are not ready");
     EXPECT_EQ(authenticator.getRequest().get_header("Host"), "target.test:443");
+    // An IPv6 target in brackets, or the proxy could not tell its port from the address.
+    socketio::StandardProxyAuthenticator v6(net::URI::FromString("tcp://proxy.test:3128"),
+                                            net::URI::FromString("tcp://[::1]:443"));
+    EXPECT_EQ(v6.getRequest().raw().rfind("CONNECT [::1]:443 HTTP/1.1\r\nHost: [::1]:443\r\n", 0), 0u);
     EXPECT_EQ(authenticator.handleResponse(
                   parsed("HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: NTLM\r\n\r\n")),
               socketio::PROXY_AUTH_RECONNECT);
