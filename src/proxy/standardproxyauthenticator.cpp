@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/logging.h"
+#include "proxy/connectrequest.h"
 #include "proxy/sspiproxyauthenticator.h"
 #include "socketio/internalexception.h"
 
@@ -20,16 +21,6 @@ StandardProxyAuthenticator::MethodMaker & methodMaker() {
     static StandardProxyAuthenticator::MethodMaker maker;
     return maker;
 }
-
-// "host:port" as the CONNECT request names its target; an IPv6 literal stands in brackets
-// (RFC 7230, section 5.3.3), or the proxy could not tell the port from the address.
-std::string authority(const net::URI & uri) {
-    std::string host = uri.getHost();
-    if (host.find(':') != std::string::npos) {
-        host = "[" + host + "]";
-    }
-    return host + ":" + std::to_string(uri.getPort());
-}
 }  // namespace
 
 void StandardProxyAuthenticator::setMethodMaker(MethodMaker maker) {
@@ -37,15 +28,8 @@ void StandardProxyAuthenticator::setMethodMaker(MethodMaker maker) {
 }
 
 StandardProxyAuthenticator::StandardProxyAuthenticator(const net::URI & proxyURI, const net::URI & targetURI)
-    : m_proxyURI(proxyURI), m_targetURI(targetURI), m_userAgent(kUserAgent) {
-    std::string target = authority(targetURI);
-    m_request.set_method("CONNECT");
-    m_request.set_uri(target);
-    m_request.set_version("HTTP/1.1");
-    m_request.append_header("Host", target);
-    m_request.append_header("User-Agent", m_userAgent);
-    m_request.append_header("Proxy-Connection", "Keep-Alive");
-}
+    : m_proxyURI(proxyURI), m_targetURI(targetURI), m_userAgent(kUserAgent),
+      m_request(ConnectRequest(targetURI, m_userAgent)) {}
 
 const websocketpp::http::parser::request & StandardProxyAuthenticator::getRequest() {
     if (!m_authenticating) {
