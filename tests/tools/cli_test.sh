@@ -53,7 +53,7 @@ check "socat client through corvane serve --echo" cmp -s "$tmp/in" "$tmp/out1"
 # Our client to our server, and the port in use.
 timeout 30 "$corvane" connect "tcp://127.0.0.1:$port" < "$tmp/in" > "$tmp/out2"
 check "corvane connect through corvane serve" cmp -s "$tmp/in" "$tmp/out2"
-check "serve on a port in use" one_line_error "while binding to tcp://127.0.0.1:$port" \
+check "serve on a port in use" one_line_error "while binding to tcp://127.0.0.1:$port: Address already in use" \
     "$corvane" serve "tcp://127.0.0.1:$port"
 kill -INT "$serve_pid"; wait "$serve_pid"; status=$?
 check "serve ends cleanly on SIGINT" test "$status" -eq 0
@@ -76,7 +76,7 @@ closed=$(free_port)
 check "malformed URI" one_line_error "invalid URI" timeout 10 "$corvane" connect "tcp://[::1:80"
 check "unknown scheme" one_line_error "transport protocol 'gopher' not recognized" \
     timeout 10 "$corvane" connect gopher://127.0.0.1:70
-check "refused connection" one_line_error "while connecting to tcp://127.0.0.1:$closed" \
+check "refused connection" one_line_error "while connecting to tcp://127.0.0.1:$closed: Connection refused" \
     timeout 10 "$corvane" connect "tcp://127.0.0.1:$closed"
 check "unknown option" one_line_error "unknown option" timeout 10 "$corvane" --colour connect x
 check "missing URI" one_line_error "a URI to connect to is needed" timeout 10 "$corvane" connect
@@ -88,6 +88,15 @@ timeout 20 "$corvane" connect "tcp://127.0.0.1:$sport" < "$tmp/fifo" > /dev/null
 sleep 0.5
 kill -INT "$client"; wait "$client"; status=$?
 check "connect ends cleanly on SIGINT" test "$status" -eq 0
+
+# The version as proxy requests carry it, and the libraries' versions.
+version_lines() {
+    "$corvane" "$@" > "$tmp/version" && [ "$(head -n1 "$tmp/version")" = "corvane/2.0.1.34" ] &&
+        grep -Eq '^built with OpenSSL [0-9.]+, websocketpp [0-9.]+, log4cxx [0-9.]+$' "$tmp/version" \
+        || { echo "  $(cat "$tmp/version")"; return 1; }
+}
+check "--version" version_lines --version
+check "version" version_lines version
 
 echo "$((checks - failures)) passed, $failures failed"
 [ "$failures" -eq 0 ]
