@@ -2,22 +2,7 @@
 # corvane serve / connect against socat, byte for byte both ways, and the host's answers to
 # bad input. Every server is started here on a free loopback port and stopped by its PID.
 set -uo pipefail
-corvane=${1:?path to the corvane binary}
-tmp=$(mktemp -d)
-pids=()
-failures=0
-checks=0
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-
-check() {  # check NAME COMMAND...: counts a failure when the command fails
-    local name=$1; shift
-    checks=$((checks + 1))
-    if "$@"; then echo "ok: $name"; else echo "FAILED: $name"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/harness.sh"
 free_port() {
     python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
@@ -98,5 +83,4 @@ version_lines() {
 check "--version" version_lines --version
 check "version" version_lines version
 
-echo "$((checks - failures)) passed, $failures failed"
-[ "$failures" -eq 0 ]
+summary

@@ -4,22 +4,7 @@
 # sanitizer build also means no leak report. Every peer is started here on a free loopback port
 # and stopped by its PID.
 set -uo pipefail
-corvane=${1:?path to the corvane binary}
-tmp=$(mktemp -d)
-pids=()
-failures=0
-checks=0
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-
-check() {  # check NAME COMMAND...: counts a failure when the command fails
-    local name=$1; shift
-    checks=$((checks + 1))
-    if "$@"; then echo "ok: $name"; else echo "FAILED: $name"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/harness.sh"
 wait_for() {  # wait_for FILE PATTERN: up to 5 s for a line matching PATTERN in FILE
     for _ in $(seq 50); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
     echo "  no '$2' in $1: $(cat "$1" 2>/dev/null)"; return 1
@@ -94,5 +79,4 @@ socat -u - "TCP:127.0.0.1:$port" < "$tmp/flood" 2> /dev/null & pids+=($!)
 wait_for "$tmp/talker.out" "held open" && sleep 0.5
 check "serve with clients connected ends cleanly on SIGTERM" stops_in_time "$serve" 0 "$tmp/serve.err"
 
-echo "$((checks - failures)) passed, $failures failed"
-[ "$failures" -eq 0 ]
+summary
