@@ -257,12 +257,14 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
     reactor->startProcessing();
     Common::SmartPtr<StdoutHandler> handler(new StdoutHandler);
     Common::SmartPtr<net::IChannel> channel;
-    try {
+    {
         StopGuard connecting("connecting to " + uri);
-        channel = factory->openChannel(reactor.get(), uri.c_str(), handler.get(), options.c_str());
-    } catch (const std::exception & e) {
-        reactor->stopProcessing();
-        throw std::runtime_error(connectFailure(uri, e));
+        try {
+            channel = factory->openChannel(reactor.get(), uri.c_str(), handler.get(), options.c_str());
+        } catch (const std::exception & e) {
+            reactor->stopProcessing();
+            throw std::runtime_error(connectFailure(uri, e));
+        }
     }
 
     auto started = std::chrono::steady_clock::now();
