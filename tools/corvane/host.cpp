@@ -1,7 +1,6 @@
 #include "host.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -22,6 +21,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <utility>
 
 #include "corvane/uri.h"
 
