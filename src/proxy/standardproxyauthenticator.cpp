@@ -7,15 +7,13 @@
 #include "common/logging.h"
 #include "proxy/connectrequest.h"
 #include "proxy/sspiproxyauthenticator.h"
+#include "net/version.h"
 #include "socketio/internalexception.h"
 
 namespace socketio {
 
 namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.socketio.StandardProxyAuthenticator");
-
-// The library's version, as proxies see it in the User-Agent header.
-const char * const kUserAgent = "corvane/2.0.1.34";
 
 StandardProxyAuthenticator::MethodMaker & methodMaker() {
     static StandardProxyAuthenticator::MethodMaker maker;
@@ -28,7 +26,7 @@ void StandardProxyAuthenticator::setMethodMaker(MethodMaker maker) {
 }
 
 StandardProxyAuthenticator::StandardProxyAuthenticator(const net::URI & proxyURI, const net::URI & targetURI)
-    : m_proxyURI(proxyURI), m_targetURI(targetURI), m_userAgent(kUserAgent),
+    : m_proxyURI(proxyURI), m_targetURI(targetURI), m_userAgent(net::kUserAgent),
       m_request(ConnectRequest(targetURI, m_userAgent)) {}
 
 const websocketpp::http::parser::request & StandardProxyAuthenticator::getRequest() {
