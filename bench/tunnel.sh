@@ -64,25 +64,24 @@ stats() {
     printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
 }
 
-# measure MODE ARGUMENT: runs each target in turn, REPEAT times, and prints one figure line.
-measure() {
-    local mode=$1 argument=$2 label=$3 unit=$4
-    local -A runs=()
-    for _ in $(seq 1 "$REPEAT"); do
-        for target in corvane socat direct; do
-            case $target in
-                corvane) port=$corvane_port ;;
-                socat) port=$socat_port ;;
-                direct) port=$server_port ;;
-            esac
-            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$port" "$argument")"
-        done
-    done
+port_of() {
+    case $1 in
+        corvane) echo "$corvane_port" ;;
+        socat) echo "$socat_port" ;;
+        direct) echo "$server_port" ;;
+    esac
+}
+
+# report LABEL UNIT RUNS_VARIABLE: one figure line from an associative array of values per
+# target, with min/median/max and the ratios.
+report() {
+    local label=$1 unit=$2
+    local -n values=$3
     local line="$label:" median
-    declare -A medians=()
+    local -A medians=()
     for target in corvane socat direct; do
         # shellcheck disable=SC2086
-        read -r median min max < <(stats ${runs[$target]})
+        read -r median min max < <(stats ${values[$target]})
         medians[$target]=$median
         line+=" $target $median $unit (min/median/max $min/$median/$max),"
     done
@@ -90,6 +89,18 @@ measure() {
     line+=$(awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
         'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f", c / s, c / d }')
     echo "$line"
+}
+
+# measure MODE ARGUMENT LABEL UNIT: runs each target in turn, REPEAT times, and prints one line.
+measure() {
+    local mode=$1 argument=$2 label=$3 unit=$4
+    local -A runs=()
+    for _ in $(seq 1 "$REPEAT"); do
+        for target in corvane socat direct; do
+            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$(port_of $target)" "$argument")"
+        done
+    done
+    report "$label" "$unit" runs
 }
 
 measure bulk "$BULK_BYTES" "tunnel throughput" "MB/s"
@@ -102,43 +113,24 @@ latency() {
     local -A p50s=() p99s=()
     for _ in $(seq 1 "$REPEAT"); do
         for target in corvane socat direct; do
-            case $target in
-                corvane) port=$corvane_port ;;
-                socat) port=$socat_port ;;
-                direct) port=$server_port ;;
-            esac
-            read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "$port" "$LATENCY_ROUNDS")
+            read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "$(port_of $target)" "$LATENCY_ROUNDS")
             p50s[$target]+=" $p50"
             p99s[$target]+=" $p99"
         done
     done
-    for figure in p50 p99; do
-        local line="tunnel latency $figure (pinned to cpu 0):" median
-        declare -A medians=()
-        for target in corvane socat direct; do
-            local values
-            if [[ $figure == p50 ]]; then values=${p50s[$target]}; else values=${p99s[$target]}; fi
-            # shellcheck disable=SC2086
-            read -r median min max < <(stats $values)
-            medians[$target]=$median
-            line+=" $target $median us (min/median/max $min/$median/$max),"
-        done
-        line=${line%,}
-        line+=$(awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
-            'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f", c / s, c / d }')
-        echo "$line"
-    done
+    report "tunnel latency p50 (pinned to cpu 0)" us p50s
+    report "tunnel latency p99 (pinned to cpu 0)" us p99s
 }
 latency
 
 # CPU while stalled: a client pushes into a tunnel in front of `corvane serve --echo` and reads
 # nothing; both corvane processes should sleep, not spin, while the buffers stay full.
-"$CORVANE" serve tcp://127.0.0.1 --echo >"$work/echo" &
+"$CORVANE" serve tcp://127.0.0.1 --echo >"$work/echo" 2>"$work/echo.err" &
 pids+=($!)
 echo_pid=$!
 wait_for grep -q '^listening on ' "$work/echo"
 echo_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/echo")
-"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$echo_port" >"$work/stalltunnel" &
+"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$echo_port" >"$work/stalltunnel" 2>"$work/stalltunnel.err" &
 pids+=($!)
 stall_tunnel_pid=$!
 wait_for grep -q '^listening on ' "$work/stalltunnel"
