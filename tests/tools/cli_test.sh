@@ -87,7 +87,13 @@ check "tinyproxy saw both CONNECTs" test "$(grep -c "): CONNECT 127.0.0.1:$sport
 mkfifo "$tmp/fifo"
 sleep 30 > "$tmp/fifo" & pids+=($!)
 timeout 20 "$corvane" connect "tcp://127.0.0.1:$sport" < "$tmp/fifo" > /dev/null & client=$!
-sleep 0.5
+# Idle means connected: wait (at most 10 s) until a connection to the server stands, since a
+# signal during the connect itself ends the client with 128 + the signal.
+established_to() {
+    awk -v port="$(printf ':%04X' "$1")" '$3 ~ port "$" && $4 == "01" { found = 1 } END { exit !found }' /proc/net/tcp
+}
+for _ in $(seq 1 200); do established_to "$sport" && break; sleep 0.05; done
+sleep 0.2
 kill -INT "$client"; wait "$client"; status=$?
 check "connect ends cleanly on SIGINT" test "$status" -eq 0
 
