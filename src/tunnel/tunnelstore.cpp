@@ -139,6 +139,11 @@ void TunnelStore::removeTunnel(TunnelEndPoint * endPoint) {
 }
 
 void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * endpoint) {
+    // The accepted side ended while its job waited (its channel was refused, or its client
+    // left): nobody would ever use the target's connection.
+    if (peer->m_closed.load()) {
+        return;
+    }
     std::string uri;
     std::string options;
     endpoint->getEndpoint(uri, options);

@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 
 namespace corvane_test {
@@ -105,6 +106,23 @@ inline bool RaiseDescriptorLimit(rlim_t wanted) {
     }
     limit.rlim_cur = wanted;
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+// True when the peer's end (or a reset) arrives within the read time-out of
+// BoundBlockingCalls, which it sets; data before the end is skipped.
+inline bool SeesEndOf(int fd) {
+    BoundBlockingCalls(fd);
+    char byte;
+    for (int i = 0; i < 1000; ++i) {
+        ssize_t n = recv(fd, &byte, 1, 0);
+        if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+            return true;
+        }
+        if (n < 0) {
+            return false;
+        }
+    }
+    return false;
 }
 
 }  // namespace corvane_test

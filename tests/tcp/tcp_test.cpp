@@ -1,7 +1,9 @@
 // The TCP transport end to end through the channel factory, against blocking peers that
 // share no code with it.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -285,6 +287,56 @@ TEST_F(TcpTransport, PeerVanishingDuringALargeWriteLeavesTheHostAlive) {
     }  // the peer goes away while the channel still writes
     ASSERT_TRUE(waitFor([&] { return client->ended(); }));
     EXPECT_EQ(client->errors.load() + client->closes.load(), 1);
+}
+
+// At the descriptor limit a listening socket stays readable while accept fails: the server must
+// neither spin nor flood the log, and must serve again once descriptors are free.
+TEST_F(TcpTransport, DescriptorLimitOnAcceptCostsNoBusyLoopAndServesAgainAfterwards) {
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    const unsigned short port = portOf(server.get());
+    std::vector<int> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));  // made before the limit
+    }
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit lowered = saved;
+    lowered.rlim_cur = static_cast<rlim_t>(corvane_test::CountOpenDescriptors() + 8);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+        fillers.push_back(fd);
+    }
+    corvane_test::LogCapture log("WARN");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    for (int fd : clients) {
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    }
+    timespec before{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    timespec after{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+    long cpuMilliseconds = (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
+    EXPECT_LT(cpuMilliseconds, 50) << "the server spins on a listening socket it cannot accept from";
+    EXPECT_LE(log.countContaining("corvane.tcp.TCPChannelServer", "onAccept on new socket failed"), 1u);
+    for (int fd : clients) {
+        EXPECT_TRUE(corvane_test::SeesEndOf(fd)) << "a connection that could not be taken is closed";
+        close(fd);
+    }
+
+    for (int fd : fillers) {
+        close(fd);
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    int fd = corvane_test::LoopbackConnect(port);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(rawExchange(fd, "served again"), "served again");
+    close(fd);
+    server->close();
 }
 
 TEST_F(TcpTransport, ConnectFailuresAreClearAndLeaveNothingBehind) {

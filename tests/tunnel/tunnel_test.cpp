@@ -125,19 +125,8 @@ std::string recvExact(int fd, std::size_t size) {
     return data;
 }
 
-// True when the peer's end (or a reset) arrives within the read time-out.
 bool seesEnd(int fd) {
-    char byte;
-    for (int i = 0; i < 1000; ++i) {
-        ssize_t n = recv(fd, &byte, 1, 0);
-        if (n == 0 || (n < 0 && errno == ECONNRESET)) {
-            return true;
-        }
-        if (n < 0) {
-            return false;
-        }
-    }
-    return false;
+    return corvane_test::SeesEndOf(fd);
 }
 
 // Names a target anew for each connection: the next URI of its list, the last one for ever.
@@ -439,6 +428,81 @@ TEST_F(Tunnels, HundredConcurrentTunnelsCarryCheckedData) {
     }
     store->shutdown();
     EXPECT_EQ(store->serviceCount(), 0u);
+}
+
+// A client that writes without reading until everything is full, then dies: the ring toward it
+// is full, so only the failed send can tell the tunnel. It must end at once and say so briefly.
+TEST_F(Tunnels, DeadClientBehindAFullRingEndsThePairAtOnce) {
+    corvane_test::EchoServer echo;
+    unsigned short port = startTunnel("tcp://127.0.0.1:" + std::to_string(echo.port()), 4096);
+    int client = connectTo(port);
+    fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
+    const std::string data = pattern(1 << 20);
+    auto quietSince = Clock::now();
+    while (Clock::now() - quietSince < std::chrono::milliseconds(300)) {
+        if (send(client, data.data(), data.size(), MSG_NOSIGNAL) > 0) {
+            quietSince = Clock::now();
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    ASSERT_EQ(store->tunnelCount(), 2u);
+    corvane_test::LogCapture log("INFO");
+    close(client);  // unread data: the kernel resets the connection, as for a killed process
+    auto closed = Clock::now();
+    EXPECT_TRUE(waitFor([&] { return store->tunnelCount() == 0; }, 1000)) << "the pair outlived its client";
+    EXPECT_LT(Clock::now() - closed, std::chrono::seconds(1));
+    EXPECT_LT(log.events().size(), 10u) << "a dead peer floods the log";
+}
+
+// An idle subscriber without a socket: fills the reactor up to its limit.
+class Placeholder : public socketio::ISelectEventSubscriber {
+public:
+    short getEventMask() noexcept override { return 0; }
+    bool onEvents(const short &, const std::uint64_t &) noexcept override { return true; }
+    unsigned int & getSocket() override { return m_socket; }
+    socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
+    void setReactor(socketio::SelectReactor * reactor, const std::uint64_t &) override { m_reactor = reactor; }
+    std::uint64_t getLastEventTime() const override { return 0; }
+
+private:
+    unsigned int m_socket = socketio::INVALID_SOCKET_HANDLE;
+    Common::SmartPtr<socketio::SelectReactor> m_reactor;
+};
+
+TEST_F(Tunnels, AcceptedChannelRefusedAtTheLimitLeavesNoOutgoingConnectionAndNoEntry) {
+    RawTarget target;
+    unsigned short port = startTunnel(target.uri());
+    std::vector<Common::SmartPtr<Placeholder>> fillers;
+    for (int i = 0; i < 1022; ++i) {  // the listening server plus 1022: the list is full
+        fillers.emplace_back(new Placeholder);
+        reactor->registerSubscriber(fillers.back().get());
+    }
+    int client = connectTo(port);
+    EXPECT_TRUE(seesEnd(client)) << "the refused client is closed";
+    close(client);
+    // The creator may have begun before the refusal; then its connection is closed at once.
+    int outgoing = target.acceptWithin(300);
+    if (outgoing >= 0) {
+        EXPECT_TRUE(seesEnd(outgoing)) << "the outgoing half of a refused client stays open";
+        close(outgoing);
+    }
+    EXPECT_TRUE(drained());
+
+    // With room again for both channels of a tunnel, the next client is served.
+    reactor->unregisterSubscriber(fillers[0].get());
+    reactor->unregisterSubscriber(fillers[1].get());
+    client = connectTo(port);
+    int server = target.acceptWithin();
+    ASSERT_GE(server, 0);
+    ASSERT_TRUE(sendAll(client, "ping"));
+    EXPECT_EQ(recvExact(server, 4), "ping");
+    close(client);
+    close(server);
+    EXPECT_TRUE(drained());
+    for (auto & filler : fillers) {
+        reactor->unregisterSubscriber(filler.get());
+    }
 }
 
 }  // namespace
