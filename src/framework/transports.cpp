@@ -2,6 +2,7 @@
 
 #include "corvane/channel.h"
 #include "socketio/socketoptions.h"
+#include "tcp/httptransportprotocol.h"
 #include "tcp/tcptransportprotocol.h"
 
 namespace net {
@@ -9,6 +10,7 @@ namespace net {
 void registerBuiltinTransports(IChannelFactory & factory, const SocketOptions & options) {
     // Each protocol gets its own copy of the settings.
     factory.registerTransportProtocol(new tcp::TCPTransportProtocol(socketio::socket_options(options)));
+    factory.registerTransportProtocol(new tcp::HTTPTransportProtocol(socketio::socket_options(options)));
 }
 
 }  // namespace net

@@ -45,8 +45,9 @@ public:
     void registerSubscriber(ISelectEventSubscriber * subscriber);
     // Any thread; returns when the subscriber has left the list (or the reactor stopped).
     void unregisterSubscriber(ISelectEventSubscriber * subscriber);
-    // Any thread: ends a running wait at once, so that the next cycle asks every subscriber
-    // for its mask again. For a subscriber whose interest changed on another thread.
+    // Any thread, but not from getEventMask (the reactor's lock is held there): ends a running
+    // wait at once, so that the next cycle asks every subscriber for its mask again. For a
+    // subscriber whose interest changed on another thread.
     void wakeUp();
 
     // Linear searches, with m_lock held; a refusal is collected (erased) once.

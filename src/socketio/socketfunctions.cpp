@@ -12,6 +12,7 @@
 #include <mutex>
 #include <vector>
 
+#include "socketio/connectabort.h"
 #include "socketio/internalexception.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/socketexception.h"
@@ -68,16 +69,26 @@ unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket
         if (fd < 0) {
             continue;
         }
+        ConnectAbort * abort = CurrentConnectAbort();
+        if (abort != nullptr && !abort->track(fd)) {
+            close(fd);
+            errno = ECANCELED;
+            return INVALID_SOCKET_HANDLE;
+        }
         try {
             options.configureConnectedSocket(static_cast<unsigned int>(fd));
         } catch (...) {
-            close(fd);
+            SocketClose(static_cast<unsigned int>(fd));
             throw;
         }
         if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen)) {
             return static_cast<unsigned int>(fd);
         }
-        close(fd);
+        SocketClose(static_cast<unsigned int>(fd));
+        if (abort != nullptr && abort->aborted()) {
+            errno = ECANCELED;
+            return INVALID_SOCKET_HANDLE;
+        }
     }
     return INVALID_SOCKET_HANDLE;
 }
@@ -257,6 +268,9 @@ std::string SocketPeerAddress(unsigned int socket) {
 }
 
 void SocketClose(unsigned int socket) {
+    if (ConnectAbort * abort = CurrentConnectAbort()) {
+        abort->forget(static_cast<int>(socket));
+    }
     close(static_cast<int>(socket));
 }
 

@@ -3,6 +3,7 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/optionmap.h"
+#include "proxy/proxysocketconnect.h"
 #include "socketio/internalexception.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
@@ -23,6 +24,15 @@ TCPTransportProtocol::TCPTransportProtocol(const socketio::socket_options & opti
 
 TCPTransportProtocol::~TCPTransportProtocol() = default;
 
+ProxyResolver::IResolver * TCPTransportProtocol::proxyResolver() {
+    Common::ScopedLock guard(&m_proxyResolverLock);
+    if (!m_proxyResolver) {
+        m_proxyResolver.reset(ProxyResolver::createResolver());
+    }
+    // The resolver itself may serve several threads at once.
+    return m_proxyResolver.get();
+}
+
 net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
                                                   net::IChannelHandler * handler, const char * options) {
     LOG4CXX_INFO(logger, "openChannel(uri='" << text(uri) << "', options='" << text(options) << "')");
@@ -30,7 +40,12 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
     net::URI parsedUri = net::URI::FromString(text(uri));
     net::OptionMap optionMap;
     optionMap.parse(options);
-    unsigned int socket = socketio::SocketConnect(parsedUri, m_socketOptions);
+    unsigned int socket;
+    if (net::OptionMap::isTrue(optionMap.get("EnableProxy", "false"))) {
+        socket = socketio::SocketConnectAttemptProxy(parsedUri, proxyResolver(), m_socketOptions);
+    } else {
+        socket = socketio::SocketConnect(parsedUri, m_socketOptions);
+    }
     Common::SmartPtr<TCPChannel> channel;
     try {
         channel = new TCPChannel(socket);

@@ -1,5 +1,6 @@
 #include "tunnel/tunnelcreatorthread.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -14,21 +15,29 @@ namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.net.TunnelCreatorThread");
 }
 
-TunnelCreatorThread::TunnelCreatorThread() : m_condition(&m_lock), m_thread(nullptr), m_stop(true) {}
+TunnelCreatorThread::TunnelCreatorThread() : m_condition(&m_lock), m_idle(0), m_stop(true) {}
 
 TunnelCreatorThread::~TunnelCreatorThread() = default;
+
+bool TunnelCreatorThread::startWorker_i() {
+    void * thread = nullptr;
+    if (!Common::PlatformThread::Create(0, this, &thread)) {
+        return false;
+    }
+    m_threads.push_back(thread);
+    return true;
+}
 
 void TunnelCreatorThread::startProcessing(TunnelStore * store) {
     LOG4CXX_TRACE(logger, "startProcessing");
     Common::ScopedLock guard(&m_lock);
-    if (m_thread != nullptr) {
+    if (!m_threads.empty()) {
         throw InternalException("Thread already running", true);
     }
     m_stop = false;
     m_store = store;
-    if (!Common::PlatformThread::Create(0, this, &m_thread)) {
-        // Without the thread every accepted connection would wait for ever: refuse the tunnel.
-        m_thread = nullptr;
+    if (!startWorker_i()) {
+        // Without a thread every accepted connection would wait for ever: refuse the tunnel.
         m_stop = true;
         m_store = nullptr;
         throw InternalException("cannot start the tunnel creator thread", true);
@@ -37,22 +46,29 @@ void TunnelCreatorThread::startProcessing(TunnelStore * store) {
 
 void TunnelCreatorThread::stopProcessing() {
     LOG4CXX_TRACE(logger, "stopProcessing");
-    void * thread = nullptr;
+    std::vector<void *> threads;
     {
         Common::ScopedLock guard(&m_lock);
-        if (m_thread == nullptr) {
+        if (m_threads.empty()) {
             throw InternalException("Thread already stopped", true);
         }
         m_stop = true;
-        m_condition.Signal();
-        thread = m_thread;
+        for (socketio::ConnectAbort * opening : m_opening) {
+            opening->abort();
+        }
+        m_condition.Broadcast();
+        threads.swap(m_threads);
     }
-    Common::PlatformThread::Join(thread);
+    for (void * thread : threads) {
+        Common::PlatformThread::Join(thread);
+    }
     Common::SmartPtr<TunnelStore> store;
+    std::deque<Job> abandoned;
     {
         Common::ScopedLock guard(&m_lock);
         store = std::move(m_store);
-        m_thread = nullptr;
+        abandoned.swap(m_queue);
+        m_idle = 0;
     }
 }
 
@@ -60,6 +76,11 @@ void TunnelCreatorThread::submit(Common::SmartPtr<TunnelEndPoint> endPoint, ICha
     LOG4CXX_TRACE(logger, "submit");
     Common::ScopedLock guard(&m_lock);
     m_queue.push_back(Job{std::move(endPoint), endpoint});
+    if (m_idle < m_queue.size() && m_threads.size() < kMaxWorkers && !m_stop && !m_threads.empty()) {
+        // No worker is free for this job: one more runs it, while the busy ones wait on their
+        // targets. Without a thread the job simply waits for a busy worker.
+        startWorker_i();
+    }
     m_condition.Signal();
 }
 
@@ -68,20 +89,25 @@ void TunnelCreatorThread::ThreadMain() {
     Common::ScopedLock guard(&m_lock);
     Common::SmartPtr<TunnelStore> store = m_store;
     while (!m_stop) {
+        ++m_idle;
         while (m_queue.empty() && !m_stop) {
             m_condition.Wait();
         }
+        --m_idle;
         // A stop wins over waiting jobs.
         if (m_stop) {
             break;
         }
         Job job = std::move(m_queue.front());
         m_queue.pop_front();
+        socketio::ConnectAbort abort;
+        m_opening.push_back(&abort);
         {
             Common::ScopedUnlock unlocked(&m_lock);
             // The accepted end point's description is fixed since its construction.
             const std::string description = job.endPoint->getDescription();
             try {
+                socketio::ConnectAbortScope scope(&abort);
                 store->connectEndpoints(job.endPoint.get(), job.endpoint.get());
                 job.endPoint = nullptr;
             } catch (const std::exception & e) {
@@ -91,14 +117,19 @@ void TunnelCreatorThread::ThreadMain() {
                 LOG4CXX_WARN(logger, "while creating a connection on behalf of '"
                                          << description << "' an unknown exception was caught");
             }
+            // The connection, if any, belongs to its tunnel now.
+            abort.releaseAll();
             // The attempt failed: the accepted client sees its connection end.
             if (job.endPoint) {
                 job.endPoint->close();
             }
         }
+        m_opening.erase(std::find(m_opening.begin(), m_opening.end(), &abort));
         job.endPoint = nullptr;
         job.endpoint = nullptr;
     }
+    // The store's reference goes without the lock: it may be the last one.
+    Common::ScopedUnlock unlocked(&m_lock);
     store = nullptr;
 }
 

@@ -50,6 +50,8 @@ TEST(ChannelFactory, LookupIsExactAndUnknownSchemesAreNull) {
     Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
     ASSERT_NE(factory->getTransportProtocol("tcp"), nullptr);
     EXPECT_STREQ(factory->getTransportProtocol("tcp")->getName(), "tcp");
+    ASSERT_NE(factory->getTransportProtocol("http"), nullptr);
+    EXPECT_STREQ(factory->getTransportProtocol("http")->getName(), "http");
     EXPECT_EQ(factory->getTransportProtocol("TCP"), nullptr);
     EXPECT_EQ(factory->getTransportProtocol("ftp"), nullptr);
 }

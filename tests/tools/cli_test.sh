@@ -2,22 +2,7 @@
 # corvane serve / connect against socat, byte for byte both ways, and the host's answers to
 # bad input. Every server is started here on a free loopback port and stopped by its PID.
 set -uo pipefail
-corvane=${1:?path to the corvane binary}
-tmp=$(mktemp -d)
-pids=()
-failures=0
-checks=0
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-
-check() {  # check NAME COMMAND...: counts a failure when the command fails
-    local name=$1; shift
-    checks=$((checks + 1))
-    if "$@"; then echo "ok: $name"; else echo "FAILED: $name"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/harness.sh"
 free_port() {
     python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
@@ -53,7 +38,7 @@ check "socat client through corvane serve --echo" cmp -s "$tmp/in" "$tmp/out1"
 # Our client to our server, and the port in use.
 timeout 30 "$corvane" connect "tcp://127.0.0.1:$port" < "$tmp/in" > "$tmp/out2"
 check "corvane connect through corvane serve" cmp -s "$tmp/in" "$tmp/out2"
-check "serve on a port in use" one_line_error "while binding to tcp://127.0.0.1:$port" \
+check "serve on a port in use" one_line_error "while binding to tcp://127.0.0.1:$port: Address already in use" \
     "$corvane" serve "tcp://127.0.0.1:$port"
 kill -INT "$serve_pid"; wait "$serve_pid"; status=$?
 check "serve ends cleanly on SIGINT" test "$status" -eq 0
@@ -76,10 +61,27 @@ closed=$(free_port)
 check "malformed URI" one_line_error "invalid URI" timeout 10 "$corvane" connect "tcp://[::1:80"
 check "unknown scheme" one_line_error "transport protocol 'gopher' not recognized" \
     timeout 10 "$corvane" connect gopher://127.0.0.1:70
-check "refused connection" one_line_error "while connecting to tcp://127.0.0.1:$closed" \
+check "refused connection" one_line_error "while connecting to tcp://127.0.0.1:$closed: Connection refused" \
     timeout 10 "$corvane" connect "tcp://127.0.0.1:$closed"
 check "unknown option" one_line_error "unknown option" timeout 10 "$corvane" --colour connect x
 check "missing URI" one_line_error "a URI to connect to is needed" timeout 10 "$corvane" connect
+
+# "http" connects through the proxy of http_proxy (tinyproxy here), for connect and for a
+# tunnel's outgoing side; at INFO the log names the proxy tried and its answer.
+tport=$(free_port)
+printf '%s\n' "Port $tport" "Listen 127.0.0.1" "Allow 127.0.0.1" "LogFile \"$tmp/tp.log\"" "LogLevel Info" > "$tmp/tp.conf"
+tinyproxy -d -c "$tmp/tp.conf" & pids+=($!)
+wait_accepting "$tport"
+http_proxy="127.0.0.1:$tport" timeout 30 "$corvane" --log-level INFO connect "http://127.0.0.1:$sport" \
+    < "$tmp/in" > "$tmp/out5" 2> "$tmp/proxy.err"
+check "corvane connect http:// through tinyproxy" cmp -s "$tmp/in" "$tmp/out5"
+check "the proxy tried, at INFO" grep -qF "initiating connection with proxy '127.0.0.1:$tport'" "$tmp/proxy.err"
+check "the proxy's answer, at INFO" grep -qF "got response: HTTP/1.0 200 Connection established" "$tmp/proxy.err"
+http_proxy="127.0.0.1:$tport" "$corvane" tunnel tcp://127.0.0.1:0 "http://127.0.0.1:$sport" > "$tmp/tunnel.out" 2>/dev/null & pids+=($!)
+tunnel_port=$(listening_port "$tmp/tunnel.out")
+(printf 'through the tunnel'; sleep 1) | timeout 30 socat -t 5 - "TCP:127.0.0.1:$tunnel_port" > "$tmp/out6"
+check "tunnel to http:// through tinyproxy" test "$(cat "$tmp/out6")" = "through the tunnel"
+check "tinyproxy saw both CONNECTs" test "$(grep -c "): CONNECT 127.0.0.1:$sport " "$tmp/tp.log")" -eq 2
 
 # Ctrl-C ends an idle client at once.
 mkfifo "$tmp/fifo"
@@ -89,5 +91,13 @@ sleep 0.5
 kill -INT "$client"; wait "$client"; status=$?
 check "connect ends cleanly on SIGINT" test "$status" -eq 0
 
-echo "$((checks - failures)) passed, $failures failed"
-[ "$failures" -eq 0 ]
+# The version as proxy requests carry it, and the libraries' versions.
+version_lines() {
+    "$corvane" "$@" > "$tmp/version" && [ "$(head -n1 "$tmp/version")" = "corvane/2.0.1.34" ] &&
+        grep -Eq '^built with OpenSSL [0-9.]+, websocketpp [0-9.]+, log4cxx [0-9.]+$' "$tmp/version" \
+        || { echo "  $(cat "$tmp/version")"; return 1; }
+}
+check "--version" version_lines --version
+check "version" version_lines version
+
+summary

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <functional>
@@ -293,7 +294,9 @@ TEST_F(Tunnels, RefusedTargetClosesTheClientAndTheNextConnectionIsServed) {
     EXPECT_TRUE(drained());
 }
 
-TEST_F(Tunnels, QuickConnectionsAreServedInOrderOfArrival) {
+// Connections are opened by several workers at once, so their order at the target is free;
+// each client still gets a connection of its own.
+TEST_F(Tunnels, QuickConnectionsAreEachServedOnAConnectionOfTheirOwn) {
     RawTarget target;
     unsigned short port = startTunnel(target.uri());
     int clients[3];
@@ -301,12 +304,15 @@ TEST_F(Tunnels, QuickConnectionsAreServedInOrderOfArrival) {
         clients[i] = connectTo(port);
         ASSERT_TRUE(sendAll(clients[i], std::string(1, static_cast<char>('0' + i))));
     }
+    std::string seen;
     for (int i = 0; i < 3; ++i) {
         int server = target.acceptWithin();
         ASSERT_GE(server, 0);
-        EXPECT_EQ(recvExact(server, 1), std::string(1, static_cast<char>('0' + i)));
+        seen += recvExact(server, 1);
         close(server);
     }
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, "012");
     for (int client : clients) {
         EXPECT_TRUE(seesEnd(client));
         close(client);
@@ -503,6 +509,45 @@ TEST_F(Tunnels, AcceptedChannelRefusedAtTheLimitLeavesNoOutgoingConnectionAndNoE
     for (auto & filler : fillers) {
         reactor->unregisterSubscriber(filler.get());
     }
+}
+
+// A target whose backlog is full leaves its connect hanging (its SYNs are dropped): other
+// connections of the same store must not wait for it, and the store's shutdown abandons it.
+TEST_F(Tunnels, HangingTargetDelaysNoOtherConnectionAndShutdownAbandonsIt) {
+    unsigned short slowPort = 0;
+    int slow = corvane_test::LoopbackListen(slowPort, 0);
+    std::vector<int> queued;
+    for (int i = 0; i < 3; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(slowPort);
+        connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        queued.push_back(fd);
+    }
+    corvane_test::EchoServer echo;
+    unsigned short hangingTunnel = startTunnel("tcp://127.0.0.1:" + std::to_string(slowPort));
+    unsigned short quickTunnel = startTunnel("tcp://127.0.0.1:" + std::to_string(echo.port()));
+    int waiting = connectTo(hangingTunnel);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+    auto start = Clock::now();
+    int client = connectTo(quickTunnel);
+    ASSERT_TRUE(sendAll(client, "ping"));
+    EXPECT_EQ(recvExact(client, 4), "ping");
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(200)) << "a hanging target held another connection";
+    close(client);
+
+    start = Clock::now();
+    store->shutdown();
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << "shutdown waited for a hanging connect";
+    EXPECT_TRUE(seesEnd(waiting));
+    close(waiting);
+    for (int fd : queued) {
+        close(fd);
+    }
+    close(slow);
 }
 
 }  // namespace

@@ -80,7 +80,9 @@ private:
         return true;
     }
 
-    Common::SmartPtr<net::IChannel> m_channel;
+    // Not counted: the channel holds this handler, and a count back would keep both alive for
+    // good when the reactor drops the channel without a close (stopProcessing does).
+    net::IChannel * m_channel;
     std::vector<char> m_pending;
     size_t m_offset = 0;
 };
@@ -209,12 +211,13 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     Common::SmartPtr<net::IChannelServer> server;
     try {
         server = factory->startChannelServer(reactor.get(), uri.c_str(), acceptor.get(), options.c_str());
-    } catch (...) {
+    } catch (const std::exception & e) {
         reactor->stopProcessing();
-        throw;
+        throw std::runtime_error(listenFailure(uri, e));
     }
     std::cout << "listening on " << server->getLocalURI() << std::endl;
     waitForStopSignal();
+    StopGuard stopping("stopping the server", kStopMilliseconds);
     server->close();
     reactor->stopProcessing();
     return 0;
@@ -260,20 +263,24 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
     reactor->startProcessing();
     Common::SmartPtr<StdoutHandler> handler(new StdoutHandler);
     Common::SmartPtr<net::IChannel> channel;
-    try {
-        channel = factory->openChannel(reactor.get(), uri.c_str(), handler.get(), options.c_str());
-    } catch (...) {
-        reactor->stopProcessing();
-        throw;
+    {
+        StopGuard connecting("connecting to " + uri);
+        try {
+            channel = factory->openChannel(reactor.get(), uri.c_str(), handler.get(), options.c_str());
+        } catch (const std::exception & e) {
+            reactor->stopProcessing();
+            throw std::runtime_error(connectFailure(uri, e));
+        }
     }
 
     auto started = std::chrono::steady_clock::now();
     long long sent = 0;
     bool stdinOpen = true;
     bool sendFailed = false;
+    bool stopped = false;
     auto stdinEnded = started;
     std::vector<char> buffer(64 * 1024);
-    while (!handler->ended && !handler->stdoutFailed && !sendFailed) {
+    while (!handler->ended && !handler->stdoutFailed && !sendFailed && !stopped) {
         if (waitForStopSignal(0) != 0) {
             break;
         }
@@ -307,6 +314,11 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
                 break;
             }
             if (k == 0) {
+                // A peer that reads nothing keeps this loop here: it must still hear a stop.
+                if (waitForStopSignal(0) != 0) {
+                    stopped = true;
+                    break;
+                }
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
                 continue;
             }
@@ -318,6 +330,7 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
     auto lastMoved = std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(
         std::max<long long>(stdinEnded.time_since_epoch().count(), handler->lastReceive.load())));
     double seconds = std::chrono::duration<double>(std::max(lastMoved, started) - started).count();
+    StopGuard stopping("closing the connection", kStopMilliseconds);
     channel->close();
     reactor->stopProcessing();
     if (stats) {

@@ -1,9 +1,14 @@
 #include "host.h"
 
 #include <dlfcn.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 
 #include <log4cxx/basicconfigurator.h>
 #include <log4cxx/consoleappender.h>
@@ -16,6 +21,9 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <utility>
+
+#include "corvane/uri.h"
 
 namespace cli {
 
@@ -64,6 +72,100 @@ int waitForStopSignal(int milliseconds) {
             return number;
         }
     }
+}
+
+StopGuard::StopGuard(std::string what, int limitMilliseconds)
+    : m_what(std::move(what)), m_limitMilliseconds(limitMilliseconds), m_watcher([this] { watch(); }) {}
+
+StopGuard::~StopGuard() {
+    m_done = true;
+    m_watcher.join();
+}
+
+void StopGuard::watch() {
+    // The watcher wakes this often to see whether the guarded call has returned.
+    constexpr int kPollMilliseconds = 10;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_limitMilliseconds);
+    while (!m_done) {
+        int signal = waitForStopSignal(kPollMilliseconds);
+        std::string text;
+        int status = 0;
+        if (signal != 0) {
+            text = std::string("corvane: stopped by ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + " while " + m_what;
+            status = 128 + signal;
+        } else if (m_limitMilliseconds >= 0 && std::chrono::steady_clock::now() >= deadline) {
+            text = "corvane: " + m_what + " took longer than " + std::to_string(m_limitMilliseconds) +
+                   " ms; ending without it";
+            status = 1;
+        } else {
+            continue;
+        }
+        // The caller's thread is inside the library: nothing can be unwound, so no exit handlers.
+        text += "\n";
+        ssize_t ignored = ::write(STDERR_FILENO, text.data(), text.size());
+        (void)ignored;
+        std::_Exit(status);
+    }
+}
+
+namespace {
+
+// errno of the same bind or connect on a socket of the host's own, or 0 when it succeeds or
+// cannot be tried. A connect waits at most a second for its answer.
+int repeatFailedCall(const std::string & text, bool listen) {
+    try {
+        net::URI uri = net::URI::FromString(text);
+        if (!listen && uri.getPort() == 0) {
+            return 0;  // the transport fills in its default port; which one is not ours to guess
+        }
+        net::URI::SocketAddress address;
+        uri.ToSockAddress(address, true);
+        int error = 0;
+        for (const addrinfo * entry = address.get(); entry != nullptr; entry = entry->ai_next) {
+            int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, entry->ai_protocol);
+            if (fd < 0) {
+                continue;
+            }
+            if (listen) {
+                error = bind(fd, entry->ai_addr, entry->ai_addrlen) == 0 ? 0 : errno;
+            } else if (connect(fd, entry->ai_addr, entry->ai_addrlen) == 0) {
+                error = 0;
+            } else if (errno != EINPROGRESS) {
+                error = errno;
+            } else {
+                pollfd ready{fd, POLLOUT, 0};
+                socklen_t length = sizeof error;
+                error = poll(&ready, 1, 1000) == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0
+                            ? error
+                            : 0;
+            }
+            close(fd);
+            if (error == 0) {
+                return 0;
+            }
+        }
+        return error;
+    } catch (const std::exception &) {
+        return 0;
+    }
+}
+
+std::string withCause(const std::exception & failure, int error) {
+    return error == 0 ? failure.what() : std::string(failure.what()) + ": " + std::strerror(error);
+}
+
+}  // namespace
+
+// Only the library's texts of a failed bind or connect get a cause; other failures (a bad
+// URI, an unknown scheme, a handshake) have nothing to repeat.
+std::string listenFailure(const std::string & uri, const std::exception & failure) {
+    bool bindFailed = std::strstr(failure.what(), "while binding to ") != nullptr;
+    return withCause(failure, bindFailed ? repeatFailedCall(uri, true) : 0);
+}
+
+std::string connectFailure(const std::string & uri, const std::exception & failure) {
+    bool connectFailed = std::strstr(failure.what(), "while connecting to ") != nullptr;
+    return withCause(failure, connectFailed ? repeatFailedCall(uri, false) : 0);
 }
 
 std::string optionValue(const std::vector<std::string> & args, size_t & i) {

@@ -2,8 +2,10 @@
 // log4cxx, and the usage error.
 #pragma once
 
+#include <atomic>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "corvane/corvane.h"
@@ -42,6 +44,39 @@ void blockStopSignals();
 // Waits until SIGINT or SIGTERM arrives, or until `milliseconds` passed (negative: no limit).
 // Returns the signal number, or 0 on time-out.
 int waitForStopSignal(int milliseconds = -1);
+
+// Watches for SIGINT and SIGTERM on a thread of its own while the caller's thread is blocked in
+// a library call that has no time limit of its own and cannot be abandoned (name resolution,
+// connect, a handshake, a proxy that never answers): a stop signal then ends the process at
+// once, with status 128 + the signal and "corvane: stopped by SIG... while WHAT" on stderr.
+// With a limit in milliseconds the process also ends (status 1) when the guard still lives
+// after it: for the clean-up after a stop signal, which may wait for such a call made on a
+// library thread (a tunnel's outgoing connect).
+class StopGuard {
+public:
+    explicit StopGuard(std::string what, int limitMilliseconds = -1);
+    ~StopGuard();
+    StopGuard(const StopGuard &) = delete;
+    StopGuard & operator=(const StopGuard &) = delete;
+
+private:
+    void watch();
+
+    std::string m_what;
+    int m_limitMilliseconds;
+    std::atomic<bool> m_done{false};
+    std::thread m_watcher;
+};
+
+// How long the clean-up after a stop signal may take before the process ends without it.
+constexpr int kStopMilliseconds = 900;
+
+// The library's text of a failed bind or connect ("while binding to URI"), followed by the
+// system's cause, which the library does not carry: the host makes the same call on a socket of
+// its own and appends the text of its errno (": Address already in use"). The library's text
+// alone for other failures, or when the second attempt succeeds or cannot be made.
+std::string listenFailure(const std::string & uri, const std::exception & failure);
+std::string connectFailure(const std::string & uri, const std::exception & failure);
 
 // The value that follows args[i] (which names an option), or UsageError.
 std::string optionValue(const std::vector<std::string> & args, size_t & i);

@@ -7,8 +7,13 @@
 #include <string>
 #include <vector>
 
+#include <log4cxx/log4cxx.h>
+#include <openssl/opensslv.h>
+#include <websocketpp/version.hpp>
+
 #include "commands.h"
 #include "host.h"
+#include "net/version.h"
 #include "proxyinfo.h"
 
 namespace {
@@ -22,12 +27,14 @@ const char * const kUsage =
     "  connect     join stdin and stdout to a channel, like nc\n"
     "  tunnel      forward every connection on one URI to another\n"
     "  proxy-info  list the proxies that a connection to a URL would try\n"
+    "  version     the library's version and those of the libraries it was built with\n"
     "\n"
     "options:\n"
     "  --module PATH       the module to load (default: $CORVANE_MODULE, else the built one)\n"
     "  --log-level LEVEL   TRACE, DEBUG, INFO, WARN, ERROR (default), FATAL or OFF; logs go to stderr\n"
     "  --log-config FILE   a log4cxx properties file instead of --log-level\n"
-    "  --help              this text; 'corvane COMMAND --help' tells about one command\n";
+    "  --help              this text; 'corvane COMMAND --help' tells about one command\n"
+    "  --version           the same as 'corvane version'\n";
 
 int commandInfo(const cli::Context & context, const std::vector<std::string> & args) {
     if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
@@ -51,6 +58,16 @@ int commandInfo(const cli::Context & context, const std::vector<std::string> & a
     return 0;
 }
 
+// The version as proxy requests carry it, then the libraries' versions from the headers that
+// this build compiled against (the module's build is the same one).
+int commandVersion() {
+    std::cout << net::kUserAgent << "\n"
+              << "built with OpenSSL " << OPENSSL_VERSION_STR << ", websocketpp " << websocketpp::major_version << "."
+              << websocketpp::minor_version << "." << websocketpp::patch_version << ", log4cxx "
+              << LOG4CXX_VERSION_MAJOR << "." << LOG4CXX_VERSION_MINOR << "." << LOG4CXX_VERSION_PATCH << "\n";
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char ** argv) {
@@ -68,6 +85,9 @@ int main(int argc, char ** argv) {
             if (option == "--help") {
                 std::cout << kUsage;
                 return 0;
+            }
+            if (option == "--version") {
+                return commandVersion();
             }
             if (i + 1 >= args.size()) {
                 throw cli::UsageError(option + " needs a value");
@@ -102,6 +122,12 @@ int main(int argc, char ** argv) {
                 context.module = cli::loadModule(modulePath);
                 return entry.second(context, rest);
             }
+        }
+        if (command == "version") {
+            if (!rest.empty()) {
+                throw cli::UsageError("version takes no arguments");
+            }
+            return commandVersion();
         }
         if (command == "proxy-info") {
             cli::configureLogging(logLevel, logConfig);

@@ -33,6 +33,8 @@ int commandProxyInfo(const std::vector<std::string> & args) {
     std::unique_ptr<ProxyResolver::IResolver> resolver(ProxyResolver::createResolver());
     std::unique_ptr<ProxyResolver::IResult> result;
     try {
+        // A PAC script or WPAD may be fetched from a server that never answers.
+        StopGuard resolving("finding the proxies for " + args[0]);
         result.reset(resolver->resolve(uri.ToString().c_str()));
     } catch (const ProxyResolver::Exception & e) {
         throw std::runtime_error(std::string("the URL is not valid UTF-8 (") + e.what() + ")");

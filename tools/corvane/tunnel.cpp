@@ -1,17 +1,12 @@
 // corvane tunnel: local port forwarding through the module's tunnel store until a stop signal.
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "commands.h"
-#include "corvane/uri.h"
 
 namespace {
 
@@ -35,32 +30,6 @@ unsigned int parseBufferSize(const std::string & text) {
         throw cli::UsageError("--buffer-size needs a number of bytes from 1 to 2147483647, not '" + text + "'");
     }
     return static_cast<unsigned int>(value);
-}
-
-// The library reports a failed bind without its cause; a bind of our own names it, so that
-// "address already in use" reads as such. Falls back on the library's text.
-std::string listenFailure(const std::string & listenURI, const std::exception & failure) {
-    try {
-        net::URI uri = net::URI::FromString(listenURI);
-        net::URI::SocketAddress address;
-        uri.ToSockAddress(address, true);
-        const addrinfo * entry = address.get();
-        if (entry == nullptr) {
-            return failure.what();
-        }
-        int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
-        if (fd < 0) {
-            return failure.what();
-        }
-        int result = bind(fd, entry->ai_addr, entry->ai_addrlen);
-        int error = errno;
-        close(fd);
-        if (result != 0) {
-            return "cannot listen on " + listenURI + ": " + std::strerror(error);
-        }
-    } catch (const std::exception &) {
-    }
-    return failure.what();
 }
 
 }  // namespace
@@ -105,9 +74,10 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
         // The creator thread may already run: end it, or the store would never go.
         store->shutdown();
         reactor->stopProcessing();
-        throw std::runtime_error(listenFailure(positional[0], e));
+        throw std::runtime_error(cli::listenFailure(positional[0], e));
     }
     cli::waitForStopSignal();
+    cli::StopGuard stopping("stopping the tunnels", cli::kStopMilliseconds);
     // Connections first, then the listening services and the creator thread, then the reactor.
     store->shutdown();
     reactor->stopProcessing();
