@@ -3,10 +3,11 @@
 #   make test   installs what is missing, builds, and runs every test
 #   make asan   the tests again in an AddressSanitizer + UndefinedBehaviorSanitizer build
 #   make tsan   the threaded tests in a ThreadSanitizer build
+#   make fuzz   the parsers' fuzz targets, 30 s each (clang, libFuzzer, ASan + UBSan)
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps build test asan tsan demo bench clean
+.PHONY: deps build test asan tsan fuzz demo bench clean
 
 deps:
 	scripts/install-deps
@@ -28,6 +29,9 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L threads
 
+fuzz: deps
+	tests/fuzz/run 30
+
 demo: build
 	scripts/demo
 
@@ -35,4 +39,4 @@ bench: build
 	bench/run
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
