@@ -279,7 +279,8 @@ void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
 }
 
 void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
-                                   const std::vector<short> & wanted, const std::vector<bool> & pendingFlags) {
+                                   const std::vector<short> & wanted, const std::vector<bool> & pendingFlags,
+                                   const std::vector<bool> & closedFlags) {
     const std::uint64_t now = Common::GetTickCount64();
     for (std::size_t i = 0; i < copy.size(); ++i) {
         const Common::SmartPtr<ISelectEventSubscriber> & subscriber = copy[i];
@@ -300,6 +301,9 @@ void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vecto
         }
         if (pendingFlags[i]) {
             events |= SELECT_EVENT_PENDING;
+        }
+        if (closedFlags[i] && socket == INVALID_SOCKET_HANDLE) {
+            events |= SELECT_EVENT_READ;
         }
         if (events == 0) {
             continue;
@@ -344,6 +348,7 @@ void SelectReactor::ThreadMain() {
     std::vector<pollfd> sets;
     std::vector<short> wanted;
     std::vector<bool> pendingFlags;
+    std::vector<bool> closedFlags;
 
     Common::ScopedLock guard(&m_lock);
     m_bLockHeldByThread = true;
@@ -369,6 +374,7 @@ void SelectReactor::ThreadMain() {
         sets.assign(subscriberCount, pollfd{-1, 0, 0});
         wanted.assign(subscriberCount, 0);
         pendingFlags.assign(subscriberCount, false);
+        closedFlags.assign(subscriberCount, false);
         std::size_t inRead = 0;
         std::size_t inWrite = 0;
         std::size_t inExcept = 0;
@@ -396,6 +402,13 @@ void SelectReactor::ThreadMain() {
             if (wanted[i] == 0) {
                 // Not in any set: poll must not report its hang-up either.
                 sets[i].fd = -1;
+            } else if (sets[i].fd < 0) {
+                // Its owner closed the socket before this reactor took it in (a channel closed
+                // on another thread while its registration was under way): the read path finds
+                // the end now, instead of the subscriber waiting for the sweep.
+                wanted[i] |= SELECT_EVENT_READ;
+                closedFlags[i] = true;
+                anyPending = true;
             }
             if ((mask & SELECT_EVENT_PENDING) != 0) {
                 pendingFlags[i] = true;
@@ -432,7 +445,7 @@ void SelectReactor::ThreadMain() {
             {
                 m_bLockHeldByThread = false;
                 Common::ScopedUnlock unlocked(&m_lock);
-                dispatchEvents(copy, sets, wanted, pendingFlags);
+                dispatchEvents(copy, sets, wanted, pendingFlags, closedFlags);
             }
             m_bLockHeldByThread = true;
         }

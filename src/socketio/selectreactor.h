@@ -58,14 +58,17 @@ public:
 
     static constexpr std::size_t kSetCapacity = 1024;
 
-    // Holds the reactor's lock for a scope when the caller is not the reactor thread (and
-    // nothing on the reactor thread). A subscriber's owner uses it to read the socket handle
-    // and reactor reference that the reactor writes under that lock when it ends the
-    // subscriber, e.g. in close() called on a host thread just after onClose.
+    // Holds the reactor's lock for a scope unless the calling thread holds it already (the
+    // reactor thread outside a dispatch). A subscriber's owner uses it to read the socket
+    // handle and reactor reference that the reactor writes under that lock when it ends the
+    // subscriber, e.g. in close() called on a host thread just after onClose, or on the
+    // creator thread while the reactor thread registers the same channel.
     class ForeignThreadGuard {
     public:
         explicit ForeignThreadGuard(SelectReactor * reactor)
-            : m_lock(reactor != nullptr && !reactor->onReactorThread() ? &reactor->m_lock : nullptr) {
+            : m_lock(reactor != nullptr && !(reactor->onReactorThread() && reactor->m_bLockHeldByThread)
+                         ? &reactor->m_lock
+                         : nullptr) {
             if (m_lock != nullptr) {
                 m_lock->Acquire();
             }
@@ -109,7 +112,8 @@ private:
     void drainWakeUp_i();
     void clearDeadSockets_i(std::uint64_t now);
     void dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
-                        const std::vector<short> & wanted, const std::vector<bool> & pendingFlags);
+                        const std::vector<short> & wanted, const std::vector<bool> & pendingFlags,
+                        const std::vector<bool> & closedFlags);
     bool onReactorThread() const;
 
     const int m_deadSocketTimeout;

@@ -28,7 +28,13 @@ int errorOrContinue(std::atomic<bool> & failureLogged) {
 }
 }  // namespace
 
-TCPChannel::TCPChannel(unsigned int socket) : m_socket(socket), m_readInterest(nullptr), m_lastEventTime(0), m_sendFailureLogged(false) {
+TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home)
+    : m_socket(socket),
+      m_readInterest(nullptr),
+      m_homeReactor(home),
+      m_lastEventTime(0),
+      m_sendFailureLogged(false),
+      m_closedByOwner(false) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
@@ -40,6 +46,7 @@ TCPChannel::~TCPChannel() = default;
 
 void TCPChannel::close() {
     LOG4CXX_INFO(logger, "close[" << m_description << "]()");
+    m_closedByOwner = true;
     socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
 }
 
@@ -65,6 +72,9 @@ short TCPChannel::getEventMask() noexcept {
 
 bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_lastEventTime = now;
+    if (m_closedByOwner.load()) {
+        return false;
+    }
     // A setChannelHandler or close from inside a callback must not destroy the running handler.
     Common::SmartPtr<net::IChannelHandler> handler = m_channelHandler;
     if ((events & socketio::SELECT_EVENT_READ) != 0) {

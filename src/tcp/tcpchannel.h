@@ -22,7 +22,10 @@ class TCPChannel : public net::IChannel,
 public:
     // Takes a connected socket and switches it to non-blocking mode. The destructor closes
     // nothing: close() is the owner's duty (or the reactor's, when the connection ends).
-    explicit TCPChannel(unsigned int socket);
+    // `home`: the reactor an accepted channel will be registered with, known before its
+    // acceptor sees it, so that a close() on another thread before the registration
+    // synchronises with it.
+    explicit TCPChannel(unsigned int socket, socketio::SelectReactor * home = nullptr);
     ~TCPChannel() override;
 
     const char * getLocalURI() const override { return m_localURI.c_str(); }
@@ -65,6 +68,8 @@ private:
     std::string m_peerURI;
     std::string m_description;
     std::atomic<bool> m_sendFailureLogged;
+    // Set by close(): a channel its owner closed before the reactor took it in calls no handler.
+    std::atomic<bool> m_closedByOwner;
 };
 
 }  // namespace tcp

@@ -79,7 +79,7 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     Common::SmartPtr<net::IChannelHandler> handler;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
-        channel = new TCPChannel(socket);
+        channel = new TCPChannel(socket, m_reactor.get());
         handler = m_acceptor->accept(channel.get());
         if (handler) {
             channel->setChannelHandler(handler.get());
@@ -94,9 +94,16 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     // Refused or failed: the socket is closed through the channel too, so that an acceptor
     // that kept the channel cannot close the descriptor number again later.
     if (channel) {
-        channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
+        // The acceptor's side may close the channel on another thread at the same moment
+        // (a tunnel whose target failed at once): whoever comes first closes the descriptor.
+        socketio::SelectReactor::ForeignThreadGuard guard(m_reactor.get());
+        if (channel->getSocket() != socketio::INVALID_SOCKET_HANDLE) {
+            socketio::SocketClose(channel->getSocket());
+            channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
+        }
+    } else {
+        socketio::SocketClose(socket);
     }
-    socketio::SocketClose(socket);
     socket = socketio::INVALID_SOCKET_HANDLE;
     // A handler was given but its channel never ran (the reactor refused it at its limit): it
     // hears of the end as of any failed connection, so that whatever it set up goes too.
