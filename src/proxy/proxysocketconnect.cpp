@@ -187,6 +187,35 @@ unsigned int ProxySocketConnect(const net::URI & uri, const ProxyResolver::IProx
     }
 }
 
+namespace {
+// The parser turns the status code into its enumeration unchecked, and a number beyond the
+// statuses it knows (a proxy answering "HTTP/1.1 4207 ..." or "870") is no value of it: the
+// code must be three digits from 100 to 511, the last status HTTP defines (RFC 6585, 511).
+// True once the line's end has come; throws on a malformed code.
+bool checkStatusLine(const std::string & received) {
+    const size_t end = received.find('\n');
+    if (end == std::string::npos) {
+        return false;
+    }
+    const size_t codeStart = received.find(' ');
+    if (codeStart < end) {
+        size_t digits = 0;
+        while (codeStart + 1 + digits < end && std::isdigit(static_cast<unsigned char>(received[codeStart + 1 + digits]))) {
+            ++digits;
+        }
+        const char after = received[codeStart + 1 + digits];
+        if (digits == 3 && (after == ' ' || after == '\r' || after == '\n')) {
+            const int code = std::atoi(received.c_str() + codeStart + 1);
+            if (code >= 100 && code <= 511) {
+                return true;
+            }
+        }
+    }
+    const size_t lineEnd = end > 0 && received[end - 1] == '\r' ? end - 1 : end;
+    throw std::runtime_error("malformed status line from proxy: " + received.substr(0, std::min<size_t>(lineEnd, 80)));
+}
+}  // namespace
+
 void NegotiateConnectThroughProxy(unsigned int socket, const websocketpp::http::parser::request & request,
                                   websocketpp::http::parser::response & response) {
     std::string text = request.raw();
@@ -201,12 +230,18 @@ void NegotiateConnectThroughProxy(unsigned int socket, const websocketpp::http::
     }
 
     std::unique_ptr<char[]> buffer(new char[kReceiveBufferSize]);
+    std::string statusLine;  // until its end has come and been checked
+    bool statusLineChecked = false;
     while (!response.headers_ready()) {
         // Look first, then take only what belongs to the header block: after a 200 the
         // target's first bytes may follow in the same segment, and after a 407 the body.
         ssize_t received = receive(socket, buffer.get(), kReceiveBufferSize, MSG_PEEK);
         if (received < 1) {
             receiveFailed(received);
+        }
+        if (!statusLineChecked) {
+            statusLine.append(buffer.get(), static_cast<size_t>(received));
+            statusLineChecked = checkStatusLine(statusLine);
         }
         size_t bodyBefore = response.get_body().size();
         size_t used = response.consume(buffer.get(), static_cast<size_t>(received));

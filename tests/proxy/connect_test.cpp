@@ -205,6 +205,11 @@ TEST_F(ProxyConnect, BrokenAnswersSkipTheProxyForTheDirectConnection) {
         {"HTTP/1.1 200 OK\r\nX-Filler: " + std::string(17000, 'f') + "\r\n\r\n",
          {"ProxySocketConnect: Maximum header size exceeded.",
           "SocketConnectAttemptProxy: exception caught: Maximum header size exceeded."}},
+        // No status has four digits; the parser would store it unchecked.
+        {"HTTP/1.1 4207 Proxy Authentication Required\r\n\r\n",
+         {"ProxySocketConnect: malformed status line from proxy: HTTP/1.1 4207 Proxy Authentication Required",
+          "SocketConnectAttemptProxy: exception caught: malformed status line from proxy: HTTP/1.1 4207 Proxy "
+          "Authentication Required"}},
     };
     for (const Case & c : cases) {
         log.clear();
@@ -218,7 +223,7 @@ TEST_F(ProxyConnect, BrokenAnswersSkipTheProxyForTheDirectConnection) {
         }
         EXPECT_EQ(logged(kConnectLog, "INFO", "Connecting directly"), 1u);
     }
-    EXPECT_EQ(target.accepted(), 2);
+    EXPECT_EQ(target.accepted(), 3);
 }
 
 TEST_F(ProxyConnect, OnlyNegotiateOrNtlmAreTriedAndNegotiateWins) {
