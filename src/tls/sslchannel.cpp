@@ -29,7 +29,9 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone)
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     if (ssl != nullptr) {
-        SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE);
+        // A repeated write may come from another address holding the same bytes (a host's
+        // buffer that moved after send answered 0); OpenSSL then still checks the length.
+        SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     }
     m_localURI = socketio::SocketLocalURI(socket, true, "ssl").ToString();
     m_peerURI = socketio::SocketPeerURI(socket, "ssl").ToString();
@@ -329,12 +331,14 @@ int SSLChannel::send(int length, const void * buffer) {
     switch (error) {
         case SSL_ERROR_NONE:
             return result;
+        // Nothing was taken: 0, as on every channel, so that a host does not take OpenSSL's
+        // wish for a repeat for a failed connection. The host repeats from the same bytes.
         case SSL_ERROR_WANT_READ:
             LOG4CXX_WARN(logger, "send: ==> SSL_ERROR_WANT_READ-> r = " << result);
-            return result;
+            return 0;
         case SSL_ERROR_WANT_WRITE:
             LOG4CXX_TRACE(logger, "send: ==> SSL_ERROR_WANT_WRITE-> r = " << result);
-            return result;
+            return 0;
         default:
             break;
     }

@@ -57,9 +57,9 @@ public:
     // there at this moment (that is not the peer's end, which shows in the next event), -1 when
     // the connection failed or is closed. Never waits for the socket.
     int recv(int length, void * buffer) override;
-    // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible), 0 when the
-    // socket takes nothing now, -1 when the connection failed or is closed; a negative result
-    // also when OpenSSL wants the write repeated, with the same buffer and length.
+    // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible); 0 when
+    // nothing was taken now, also when OpenSSL wants the write repeated (then with the same
+    // bytes, at least as many); -1 when the connection failed or is closed.
     int send(int length, const void * buffer) override;
 
     // Reactor thread: one step of the server handshake. False when it failed.
