@@ -89,6 +89,9 @@ private:
     // has none.
     socketio::IReadInterest * m_readInterest;  // GUARDED_BY(m_lock)
     bool m_handshakeDone;                      // GUARDED_BY(m_lock)
+    // recv met the peer's end or a failure after bytes it delivered: the next cycle's peek
+    // reports it, even with a silent socket.
+    bool m_endPending;                         // GUARDED_BY(m_lock)
     short m_handshakeEvents;                   // reactor thread only
     mutable Common::Lock m_lock;
 };

@@ -91,10 +91,9 @@ net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const
         return nullptr;
     }
 
-    // A context of its own for each connection: the files and stores it names are read now.
-    tools::SSLContext context(optionMap);
-    context.setup(false);
-    guard.ssl = SSL_new(context.context());
+    // The context of these options, built when they were first used or a file they name changed.
+    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
+    guard.ssl = SSL_new(context->context());
     if (guard.ssl == nullptr) {
         throw tools::SSLException();
     }
@@ -132,7 +131,6 @@ net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const
         channel->setChannelHandler(nullptr);
         throw;
     }
-    // The context goes now; the SSL keeps its own reference to it.
     return channel.get();
 }
 

@@ -10,6 +10,7 @@
 #include "corvane/channel.h"
 #include "corvane/uri.h"
 #include "socketio/socketoptions.h"
+#include "tls/clientcontextcache.h"
 #include "tls/ssllibraryguard.h"
 
 namespace ProxyResolver {
@@ -47,6 +48,7 @@ private:
     std::unique_ptr<SSLLibraryGuard> m_library;
     std::once_flag m_proxyResolverOnce;
     std::unique_ptr<ProxyResolver::IResolver> m_proxyResolver;
+    ClientContextCache m_clientContexts;
 };
 
 }  // namespace ssl

@@ -271,11 +271,13 @@ TEST_F(TlsTransport, RecordSplitAcrossSegmentsAndCloseNotifyFromThePeer) {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     sendRecords(3, recordSize);
     ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->reads.load() == 2; }));
+    // Data and close_notify in one segment: the data first, then onClose.
+    ASSERT_EQ(SSL_write(ssl, "last", 4), 4);
     SSL_shutdown(ssl);
     sendRecords(recordSize, static_cast<size_t>(BIO_get_mem_data(records, &data)));
     ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->ended(); }));
     EXPECT_EQ(acceptor->handlers[0]->closes.load(), 1);
-    EXPECT_EQ(received, (std::vector<int>{0, 5}));
+    EXPECT_EQ(received, (std::vector<int>{0, 5, 4}));
     SSL_free(ssl);
     close(fd);
     server->close();
@@ -322,7 +324,6 @@ TEST_F(TlsTransport, PeerVanishingDuringALargeWriteLeavesTheHostAlive) {
     peer.process->stop(SIGKILL);
     ASSERT_TRUE(waitFor([&] { return client->ended(); }));
     EXPECT_EQ(client->errors.load() + client->closes.load(), 1);
-    EXPECT_EQ(client->lastSend.load(), -1);
     channel->close();
 }
 
