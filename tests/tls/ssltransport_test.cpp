@@ -179,6 +179,22 @@ TEST_F(TlsTransport, ClientRefusesServersItCannotTrustAndLeavesNothingBehind) {
     }
 }
 
+TEST_F(TlsTransport, ClientContextIsBuiltOnceAndAgainWhenAFileItReadsChanges) {
+    OpenSSLServer peer(material().serverCert);
+    const std::string caFile = material().directory + "/changing-ca.pem";
+    std::filesystem::copy_file(material().caFile, caFile, std::filesystem::copy_options::overwrite_existing);
+    const std::string options = "LoadCryptoCertStore=false;CAFile=" + caFile;
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    corvane_test::LogCapture log("INFO");
+    open(peer.uri(), client.get(), options)->close();
+    open(peer.uri(), client.get(), options)->close();
+    EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 1u);
+    // Another CA under the same name: the server is not trusted any more.
+    std::filesystem::copy_file(material().expiredCert, caFile, std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(corvane_test::thrownText([&] { open(peer.uri(), client.get(), options); }).rfind("SSL_connect:", 0), 0u);
+    EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 2u);
+}
+
 TEST_F(TlsTransport, ServerAsksForClientCertificatesAndRefusesOnesThatDoNotVerify) {
     corvane_test::LogCapture log("INFO");
     Common::SmartPtr<net::IChannelServer> server = startServer();
