@@ -4,6 +4,8 @@
 #include "socketio/socketoptions.h"
 #include "tcp/httptransportprotocol.h"
 #include "tcp/tcptransportprotocol.h"
+#include "tls/httpstransportprotocol.h"
+#include "tls/ssltransportprotocol.h"
 
 namespace net {
 
@@ -11,6 +13,8 @@ void registerBuiltinTransports(IChannelFactory & factory, const SocketOptions & 
     // Each protocol gets its own copy of the settings.
     factory.registerTransportProtocol(new tcp::TCPTransportProtocol(socketio::socket_options(options)));
     factory.registerTransportProtocol(new tcp::HTTPTransportProtocol(socketio::socket_options(options)));
+    factory.registerTransportProtocol(new ssl::HTTPSTransportProtocol(socketio::socket_options(options)));
+    factory.registerTransportProtocol(new ssl::SSLTransportProtocol(socketio::socket_options(options)));
 }
 
 }  // namespace net

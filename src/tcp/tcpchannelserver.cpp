@@ -24,6 +24,30 @@ void TellHandlerOfFailure(net::IChannelHandler * handler) noexcept {
     }
 }
 
+unsigned int AcceptConnection(unsigned int listenSocket, net::URI & peer, const socketio::socket_options & options,
+                              const log4cxx::LoggerPtr & serverLogger, bool & failing) noexcept {
+    unsigned int newSocket = socketio::INVALID_SOCKET_HANDLE;
+    try {
+        newSocket = socketio::SocketAccept(listenSocket, peer, options);
+    } catch (const std::exception & e) {
+        // Setting up the accepted socket failed; SocketAccept closed it. The server goes on.
+        LOG4CXX_WARN(serverLogger, "onAccept on new socket failed: " << e.what());
+        return socketio::INVALID_SOCKET_HANDLE;
+    }
+    if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
+        int error = errno;
+        // Once per burst: at the descriptor limit every waiting connection fails alike.
+        if (!failing) {
+            failing = true;
+            LOG4CXX_WARN(serverLogger, "onAccept on new socket failed with error code '"
+                                           << error << "' : " << socketio::SystemErrorText(error));
+        }
+    } else {
+        failing = false;
+    }
+    return newSocket;
+}
+
 TCPChannelServer::TCPChannelServer(unsigned int socket, net::IChannelAcceptor * acceptor,
                                    const socketio::socket_options & options)
     : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options), m_bAcceptFailing(false) {
@@ -51,24 +75,8 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
         return false;
     }
     net::URI peer = net::URI::FromString("tcp://");
-    unsigned int newSocket = socketio::INVALID_SOCKET_HANDLE;
-    try {
-        newSocket = socketio::SocketAccept(m_socket, peer, m_socketOptions);
-    } catch (const std::exception & e) {
-        // Setting up the accepted socket failed; SocketAccept closed it. The server goes on.
-        LOG4CXX_WARN(logger, "onAccept on new socket failed: " << e.what());
-        return true;
-    }
-    if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
-        int error = errno;
-        // Once per burst: at the descriptor limit every waiting connection fails alike.
-        if (!m_bAcceptFailing) {
-            m_bAcceptFailing = true;
-            LOG4CXX_WARN(logger, "onAccept on new socket failed with error code '"
-                                     << error << "' : " << socketio::SystemErrorText(error));
-        }
-    } else {
-        m_bAcceptFailing = false;
+    unsigned int newSocket = AcceptConnection(m_socket, peer, m_socketOptions, logger, m_bAcceptFailing);
+    if (newSocket != socketio::INVALID_SOCKET_HANDLE) {
         onAccept(newSocket, peer);
     }
     return true;
