@@ -70,7 +70,8 @@ WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_
       m_RecvBuffer(static_cast<std::size_t>(std::max(0, options.receiveBufferSize)) | 15u),
       m_bInputEnded(false),
       m_OutputBuffer(static_cast<std::int64_t>(options.receiveBufferSize)),
-      m_bOutputOverflow(false) {
+      m_bOutputOverflow(false),
+      m_bEnded(false) {
     LOG4CXX_TRACE(logger, "ctor");
     LOG4CXX_INFO(logger, "initializing using rcvBuf=" << options.receiveBufferSize
                                                       << " and sndBuf=" << options.sendBufferSize);
@@ -261,7 +262,10 @@ void WebSocketChannel::writeToHandlerAndFlush() {
 int WebSocketChannel::send(int nMaxSize, const void * data) {
     LOG4CXX_TRACE(logger, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
-    if (!m_Connection) {
+    if (!m_Connection || m_bEnded) {
+        // Never opened, or the reactor or close() has let go of the socket: the connection
+        // has failed as far as the sender is concerned, and a sender waiting for room would
+        // otherwise wait for ever.
         return -1;
     }
     const std::int64_t writable = m_OutputBuffer.writeAvailable();
@@ -376,6 +380,19 @@ short WebSocketChannel::getEventMask() noexcept {
 
 bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_nLastEventTime = now;
+    if (!dispatch(events)) {
+        markEnded();
+        return false;
+    }
+    return true;
+}
+
+void WebSocketChannel::markEnded() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    m_bEnded = true;
+}
+
+bool WebSocketChannel::dispatch(short events) {
     Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
     if (handler && ((events & socketio::SELECT_EVENT_PENDING) != 0 || !m_ReadMessageBuffer.empty())) {
         m_ReadMessageBuffer.deliverTo(handler.get());
@@ -439,6 +456,7 @@ void WebSocketChannel::close() {
         }
         endEngineInput();
     }
+    markEnded();
     socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
     if (m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
         socketio::SocketClose(m_hSocket);

@@ -83,6 +83,8 @@ private:
 
     // True while the channel goes on living.
     bool readDataFromSocketToWebSocket();
+    bool dispatch(short events);
+    void markEnded();
     bool flushWriteToSocket();
     bool flushWriteToSocket_i();  // m_SendMutex held
     void writeToHandlerAndFlush();
@@ -122,6 +124,9 @@ private:
     std::mutex m_SendMutex;
     OutputRing m_OutputBuffer;        // GUARDED_BY(m_SendMutex)
     bool m_bOutputOverflow;           // GUARDED_BY(m_SendMutex)
+    // Set before the reactor or close() lets go of the socket: from then on send touches
+    // neither the engine nor the socket, which may already be closed and its number reused.
+    bool m_bEnded;                    // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
 };
 
