@@ -14,6 +14,24 @@ namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tcp.TCPChannelServer");
 }
 
+unsigned int AcceptConnection(unsigned int listenSocket, net::URI & peer, const socketio::socket_options & options,
+                              const log4cxx::LoggerPtr & serverLogger) noexcept {
+    unsigned int newSocket = socketio::INVALID_SOCKET_HANDLE;
+    try {
+        newSocket = socketio::SocketAccept(listenSocket, peer, options);
+    } catch (const std::exception & e) {
+        // Setting up the accepted socket failed; SocketAccept closed it. The server goes on.
+        LOG4CXX_WARN(serverLogger, "onAccept on new socket failed: " << e.what());
+        return socketio::INVALID_SOCKET_HANDLE;
+    }
+    if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
+        int error = errno;
+        LOG4CXX_WARN(serverLogger, "onAccept on new socket failed with error code '" << error
+                                                                                << "' : " << socketio::SystemErrorText(error));
+    }
+    return newSocket;
+}
+
 TCPChannelServer::TCPChannelServer(unsigned int socket, net::IChannelAcceptor * acceptor,
                                    const socketio::socket_options & options)
     : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options) {
@@ -41,19 +59,8 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
         return false;
     }
     net::URI peer = net::URI::FromString("tcp://");
-    unsigned int newSocket = socketio::INVALID_SOCKET_HANDLE;
-    try {
-        newSocket = socketio::SocketAccept(m_socket, peer, m_socketOptions);
-    } catch (const std::exception & e) {
-        // Setting up the accepted socket failed; SocketAccept closed it. The server goes on.
-        LOG4CXX_WARN(logger, "onAccept on new socket failed: " << e.what());
-        return true;
-    }
-    if (newSocket == socketio::INVALID_SOCKET_HANDLE) {
-        int error = errno;
-        LOG4CXX_WARN(logger, "onAccept on new socket failed with error code '" << error
-                                                                                << "' : " << socketio::SystemErrorText(error));
-    } else {
+    unsigned int newSocket = AcceptConnection(m_socket, peer, m_socketOptions, logger);
+    if (newSocket != socketio::INVALID_SOCKET_HANDLE) {
         onAccept(newSocket, peer);
     }
     return true;

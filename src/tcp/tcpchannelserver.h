@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include <log4cxx/logger.h>
+
 #include "corvane/channel.h"
 #include "corvane/uri.h"
 #include "socketio/iselecteventsubscriber.h"
@@ -13,6 +15,12 @@
 #include "socketio/socketoptions.h"
 
 namespace tcp {
+
+// The accept step of a listening subscriber's read event, shared by the channel servers of
+// every transport: the new socket with `options` applied and `peer` filled (scheme "tcp"), or
+// the invalid handle once the failure is logged at Warn to `serverLogger`. Reactor thread.
+unsigned int AcceptConnection(unsigned int listenSocket, net::URI & peer, const socketio::socket_options & options,
+                              const log4cxx::LoggerPtr & serverLogger) noexcept;
 
 class TCPChannelServer : public net::IChannelServer, public socketio::ISelectEventSubscriber {
 public:

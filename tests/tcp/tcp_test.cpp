@@ -22,6 +22,7 @@
 #include "recordinghandler.h"
 #include "socketio/selectreactor.h"
 #include "sockets.h"
+#include "testacceptor.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ using corvane_test::waitFor;
 
 using corvane_test::EchoHandler;
 using corvane_test::RecordingHandler;
+using corvane_test::TestAcceptor;
 
 std::string pattern(size_t size) {
     std::string data(size, '\0');
@@ -38,41 +40,6 @@ std::string pattern(size_t size) {
     }
     return data;
 }
-
-// Hands out a new echo handler per connection, or refuses, or throws, as the test says.
-class TestAcceptor : public net::IChannelAcceptor {
-public:
-    enum class Answer { Echo, Refuse, Throw };
-
-    net::IChannelHandler * accept(net::IChannel * channel) override {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        Answer answer = answers.empty() ? Answer::Echo : answers.front();
-        if (!answers.empty()) {
-            answers.erase(answers.begin());
-        }
-        if (answer == Answer::Throw) {
-            throw std::runtime_error("acceptor says no");
-        }
-        if (answer == Answer::Refuse) {
-            return nullptr;
-        }
-        handlers.emplace_back(makeHandler ? makeHandler() : new EchoHandler);
-        channels.emplace_back(channel);
-        return handlers.back().get();
-    }
-    size_t accepted() {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return handlers.size();
-    }
-
-    std::vector<Answer> answers;
-    std::function<RecordingHandler *()> makeHandler;
-    std::vector<Common::SmartPtr<RecordingHandler>> handlers;
-    std::vector<Common::SmartPtr<net::IChannel>> channels;
-
-private:
-    std::mutex m_mutex;
-};
 
 class TcpTransport : public ::testing::Test {
 protected:

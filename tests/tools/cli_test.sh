@@ -89,5 +89,47 @@ sleep 0.5
 kill -INT "$client"; wait "$client"; status=$?
 check "connect ends cleanly on SIGINT" test "$status" -eq 0
 
+# TLS: certificates made here (a CA and a localhost server signed by it), never committed.
+openssl req -x509 -newkey rsa:2048 -nodes -keyout "$tmp/ca.key" -out "$tmp/ca.pem" -days 2 -subj "/CN=cli test CA" 2>/dev/null
+openssl req -newkey rsa:2048 -nodes -keyout "$tmp/server.key" -out "$tmp/server.csr" -subj "/CN=localhost" 2>/dev/null
+printf 'subjectAltName=DNS:localhost\n' > "$tmp/san"
+openssl x509 -req -in "$tmp/server.csr" -CA "$tmp/ca.pem" -CAkey "$tmp/ca.key" -CAcreateserial -days 2 \
+    -extfile "$tmp/san" -out "$tmp/server.pem" 2>/dev/null
+server_tls="CertificateFile=$tmp/server.pem;PrivateKeyFile=$tmp/server.key;NoCertify=true"
+client_tls="LoadCryptoCertStore=false;CAFile=$tmp/ca.pem"
+"$corvane" serve ssl://127.0.0.1:0 --echo --options "$server_tls" > "$tmp/tls.out" & pids+=($!)
+tls_port=$(listening_port "$tmp/tls.out")
+timeout 30 "$corvane" connect "ssl://localhost:$tls_port" --options "$client_tls" < "$tmp/in" > "$tmp/out5"
+check "corvane connect ssl through corvane serve ssl --echo" cmp -s "$tmp/in" "$tmp/out5"
+timeout 30 "$corvane" connect "https://localhost:$tls_port" --options "$client_tls;EnableProxy=false" \
+    < "$tmp/in" > "$tmp/out6"
+check "an https client of the same server" cmp -s "$tmp/in" "$tmp/out6"
+check "failed handshake" one_line_error "SSL_connect:SSL_ERROR_SSL:" \
+    timeout 10 "$corvane" connect "ssl://localhost:$tls_port"
+check "failed name check" one_line_error "validateCertificates: Common name doesn't match host name" \
+    timeout 10 "$corvane" connect "ssl://127.0.0.1:$tls_port" --options "$client_tls"
+timeout 10 "$corvane" serve ssl://127.0.0.1:0 --options "CertificateFile=$tmp/missing.pem" > /dev/null 2> "$tmp/err"
+status=$?
+check "server without its certificate" grep -q "unable to load certificate file '$tmp/missing.pem'" "$tmp/err"
+check "server without its certificate exits 1" test "$status" -eq 1
+
+# 64 MiB full duplex through a tcp->ssl tunnel in front of the TLS echo server.
+head -c $((64 << 20)) /dev/urandom > "$tmp/big"
+"$corvane" tunnel tcp://127.0.0.1:0 "ssl://localhost:$tls_port" --target-options "$client_tls" \
+    > "$tmp/tunnel1.out" & pids+=($!)
+t1_port=$(listening_port "$tmp/tunnel1.out")
+timeout 60 "$corvane" connect "tcp://127.0.0.1:$t1_port" --wait 500 < "$tmp/big" > "$tmp/out7"
+check "64 MiB through tunnel tcp->ssl into serve ssl --echo" cmp -s "$tmp/big" "$tmp/out7"
+
+# A TLS tunnel pair, tcp -> ssl -> tcp, in front of the plain echo server of socat.
+"$corvane" tunnel ssl://127.0.0.1:0 "tcp://127.0.0.1:$sport" --listen-options "$server_tls" \
+    > "$tmp/tunnel2.out" & pids+=($!)
+t2_port=$(listening_port "$tmp/tunnel2.out")
+"$corvane" tunnel tcp://127.0.0.1:0 "ssl://localhost:$t2_port" --target-options "$client_tls" \
+    > "$tmp/tunnel3.out" & pids+=($!)
+t3_port=$(listening_port "$tmp/tunnel3.out")
+timeout 30 "$corvane" connect "tcp://127.0.0.1:$t3_port" < "$tmp/in" > "$tmp/out8"
+check "tunnel pair tcp -> ssl -> tcp" cmp -s "$tmp/in" "$tmp/out8"
+
 echo "$((checks - failures)) passed, $failures failed"
 [ "$failures" -eq 0 ]

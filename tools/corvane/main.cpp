@@ -51,6 +51,17 @@ int commandInfo(const cli::Context & context, const std::vector<std::string> & a
     return 0;
 }
 
+// The library's text on one line: OpenSSL's error queue comes one error per line.
+std::string oneLine(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.pop_back();
+    }
+    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at)) {
+        text.replace(at, 1, "; ");
+    }
+    return text;
+}
+
 }  // namespace
 
 int main(int argc, char ** argv) {
@@ -112,7 +123,7 @@ int main(int argc, char ** argv) {
         std::cerr << "corvane: " << e.what() << " (try 'corvane --help')\n";
         return 2;
     } catch (const std::exception & e) {
-        std::cerr << "corvane: " << e.what() << "\n";
+        std::cerr << "corvane: " << oneLine(e.what()) << "\n";
         return 1;
     }
 }

@@ -1,0 +1,125 @@
+#!/usr/bin/env bash
+# Throughput and connection rate through a TLS tunnel pair, `corvane tunnel tcp->ssl` into
+# `corvane tunnel ssl->tcp`, against a stunnel client/server pair with the same certificates and
+# against the plain tcp tunnel pair. Loopback only; certificates are made here for this run;
+# every server is started here and killed by its PID on exit.
+#   CORVANE      the corvane binary (default build/tools/corvane/corvane)
+#   TUNNELBENCH  the peer and client program (default: bench/tunnelbench beside corvane's build)
+#   REPEAT       repetitions of each figure (default 5)
+#   CLIENT_TLS   extra option text of corvane's outgoing TLS side (default empty)
+set -euo pipefail
+
+CORVANE=${CORVANE:-build/tools/corvane/corvane}
+TUNNELBENCH=${TUNNELBENCH:-$(dirname "$CORVANE")/../../bench/tunnelbench}
+REPEAT=${REPEAT:-5}
+BULK_BYTES=${BULK_BYTES:-268435456}
+RATE_SECONDS=${RATE_SECONDS:-1}
+CLIENT_TLS=${CLIENT_TLS:-}
+
+for program in "$CORVANE" "$TUNNELBENCH"; do
+    [[ -x $program ]] || { echo "tlstunnel.sh: $program is not built" >&2; exit 1; }
+done
+command -v stunnel4 >/dev/null || { echo "tlstunnel.sh: stunnel4 is missing (scripts/install-deps)" >&2; exit 1; }
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+wait_for() {
+    for _ in $(seq 1 250); do "$@" && return 0; sleep 0.02; done
+    echo "tlstunnel.sh: timed out waiting for: $*" >&2
+    return 1
+}
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+accepting() {
+    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
+}
+# corvane_tunnel NAME LISTEN TARGET [OPTIONS...]: starts a tunnel and prints its port.
+corvane_tunnel() {
+    local name=$1; shift
+    "$CORVANE" tunnel "$@" >"$work/$name" &
+    pids+=($!)
+    wait_for grep -q '^listening on ' "$work/$name"
+    sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/$name"
+}
+
+openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/ca.key" -out "$work/ca.pem" -days 1 -subj "/CN=bench CA" 2>/dev/null
+openssl req -newkey rsa:2048 -nodes -keyout "$work/key.pem" -out "$work/cert.csr" -subj "/CN=localhost" 2>/dev/null
+printf 'subjectAltName=DNS:localhost\n' >"$work/san"
+openssl x509 -req -in "$work/cert.csr" -CA "$work/ca.pem" -CAkey "$work/ca.key" -CAcreateserial -days 1 \
+    -extfile "$work/san" -out "$work/cert.pem" 2>/dev/null
+
+"$TUNNELBENCH" serve >"$work/server" &
+pids+=($!)
+wait_for test -s "$work/server"
+server_port=$(head -n1 "$work/server")
+
+# corvane: tcp -> ssl -> tcp, and the same pair over plain tcp.
+tls_in=$(corvane_tunnel tls-in ssl://127.0.0.1:0 "tcp://127.0.0.1:$server_port" \
+    --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true")
+corvane_port=$(corvane_tunnel tls-out tcp://127.0.0.1:0 "ssl://localhost:$tls_in" \
+    --target-options "CAFile=$work/ca.pem${CLIENT_TLS:+;$CLIENT_TLS}")
+tcp_in=$(corvane_tunnel tcp-in tcp://127.0.0.1:0 "tcp://127.0.0.1:$server_port")
+tcp_port=$(corvane_tunnel tcp-out tcp://127.0.0.1:0 "tcp://127.0.0.1:$tcp_in")
+
+# stunnel: the same pair with the same certificates, verifying the server's chain and name.
+stunnel_in=$(free_port)
+stunnel_port=$(free_port)
+printf '%s\n' "foreground = yes" "pid =" "debug = 0" "[in]" "accept = 127.0.0.1:$stunnel_in" \
+    "connect = 127.0.0.1:$server_port" "cert = $work/cert.pem" "key = $work/key.pem" >"$work/in.conf"
+printf '%s\n' "foreground = yes" "pid =" "debug = 0" "[out]" "client = yes" "accept = 127.0.0.1:$stunnel_port" \
+    "connect = 127.0.0.1:$stunnel_in" "CAfile = $work/ca.pem" "verifyChain = yes" "checkHost = localhost" \
+    "sni = localhost" >"$work/out.conf"
+stunnel4 "$work/in.conf" 2>/dev/null &
+pids+=($!)
+stunnel4 "$work/out.conf" 2>/dev/null &
+pids+=($!)
+wait_for accepting "$stunnel_in"
+wait_for accepting "$stunnel_port"
+
+# One connection through each pair first: the first TLS client connection of a tunnel builds
+# its context, which is not what the figures are about.
+for port in "$corvane_port" "$stunnel_port" "$tcp_port"; do
+    "$TUNNELBENCH" rate "$port" 0.001 >/dev/null
+done
+
+stats() {
+    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
+}
+
+# measure MODE ARGUMENT LABEL UNIT: each pair in turn, REPEAT times; one figure line.
+measure() {
+    local mode=$1 argument=$2 label=$3 unit=$4
+    local -A runs=() medians=()
+    for _ in $(seq 1 "$REPEAT"); do
+        for target in corvane stunnel tcp; do
+            case $target in
+                corvane) port=$corvane_port ;;
+                stunnel) port=$stunnel_port ;;
+                tcp) port=$tcp_port ;;
+            esac
+            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$port" "$argument")"
+        done
+    done
+    local line="$label:" median min max
+    for target in corvane stunnel tcp; do
+        # shellcheck disable=SC2086
+        read -r median min max < <(stats ${runs[$target]})
+        medians[$target]=$median
+        line+=" $target $median $unit (min/median/max $min/$median/$max),"
+    done
+    line=${line%,}
+    line+=$(awk -v c="${medians[corvane]}" -v s="${medians[stunnel]}" -v t="${medians[tcp]}" \
+        'BEGIN { printf "; corvane/stunnel %.2f, corvane tls/tcp %.2f", c / s, c / t }')
+    echo "$line"
+}
+
+measure bulk "$BULK_BYTES" "TLS tunnel pair throughput" "MB/s"
+measure rate "$RATE_SECONDS" "TLS tunnel pair connection rate" "conn/s"

@@ -1,0 +1,387 @@
+#include "tls/sslchannel.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "common/logging.h"
+#include "socketio/socketfunctions.h"
+#include "tls/sslexception.h"
+
+namespace ssl {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.ssl.SSLChannel");
+
+// What the reactor's read event turned out to be.
+enum class ReadOutcome { Deliver, PeerClosed, Failed, ClosedByOwner };
+}  // namespace
+
+SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone)
+    : m_socket(socket),
+      m_lastEventTime(0),
+      m_ssl(ssl),
+      m_readInterest(nullptr),
+      m_handshakeDone(handshakeDone),
+      m_endPending(false),
+      m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE) {
+    int fd = static_cast<int>(socket);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    if (ssl != nullptr) {
+        // A repeated write may come from another address holding the same bytes (a host's
+        // buffer that moved after send answered 0); OpenSSL then still checks the length.
+        SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    }
+    m_localURI = socketio::SocketLocalURI(socket, true, "ssl").ToString();
+    m_peerURI = socketio::SocketPeerURI(socket, "ssl").ToString();
+    m_description = m_localURI + " <-> " + m_peerURI;
+}
+
+SSLChannel::~SSLChannel() = default;
+
+net::IChannelHandler * SSLChannel::getChannelHandler() const {
+    Common::ScopedLock guard(&m_lock);
+    return m_handler.get();
+}
+
+void SSLChannel::setChannelHandler(net::IChannelHandler * handler) {
+    LOG4CXX_TRACE(logger, "setChannelHandler");
+    // The previous handler is released after the lock, so that its destructor runs unlocked.
+    Common::SmartPtr<net::IChannelHandler> previous;
+    Common::ScopedLock guard(&m_lock);
+    previous = m_handler;
+    m_handler = handler;
+    m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
+}
+
+void SSLChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
+    m_reactor = reactor;
+    if (reactor != nullptr && !m_homeReactor) {
+        m_homeReactor = reactor;
+    }
+    m_lastEventTime = now;
+}
+
+void SSLChannel::close() {
+    LOG4CXX_INFO(logger, "close[" << m_description << "]()");
+    // Freed before leaving the reactor: an event that comes in between finds the connection
+    // gone and ends the channel without a callback.
+    terminateConnection();
+    socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
+}
+
+short SSLChannel::getEventMask() noexcept {
+    Common::SmartPtr<net::IChannelHandler> handler;
+    socketio::IReadInterest * readInterest;
+    bool handshakeDone;
+    int pending;
+    bool endPending;
+    {
+        Common::ScopedLock guard(&m_lock);
+        handler = m_handler;
+        readInterest = m_readInterest;
+        handshakeDone = m_handshakeDone;
+        pending = m_ssl != nullptr && handshakeDone ? SSL_pending(m_ssl) : 0;
+        endPending = m_endPending;
+    }
+    if (!handshakeDone) {
+        // A handler's wish to write has no effect before the handshake is done.
+        return m_handshakeEvents;
+    }
+    if (!handler) {
+        return socketio::SELECT_EVENT_READ;
+    }
+    // The end of the connection is told whether or not the handler wants bytes.
+    short mask = endPending ? socketio::SELECT_EVENT_PENDING : 0;
+    if (readInterest == nullptr || readInterest->wantsRead()) {
+        mask |= socketio::SELECT_EVENT_READ;
+        // Bytes that OpenSSL decoded and the handler left unread are not in the socket any
+        // more: without this the handler would wait for the peer's next record.
+        if (pending > 0) {
+            mask |= socketio::SELECT_EVENT_PENDING;
+        }
+    }
+    if (handler->hasPendingWrite()) {
+        mask |= socketio::SELECT_EVENT_WRITE;
+    }
+    return mask;
+}
+
+bool SSLChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
+    m_lastEventTime = now;
+    // A setChannelHandler or close from inside a callback must not destroy the running handler.
+    Common::SmartPtr<net::IChannelHandler> handler;
+    bool handshakeDone;
+    {
+        Common::ScopedLock guard(&m_lock);
+        if (m_ssl == nullptr) {
+            // The owner closed the channel: it ends without a callback.
+            return false;
+        }
+        handler = m_handler;
+        handshakeDone = m_handshakeDone;
+    }
+    if (m_socket == socketio::INVALID_SOCKET_HANDLE) {
+        // The reactor's sweep closed the silent socket; its number may already be reused, so
+        // the connection is not asked any more.
+        terminateConnection();
+        handler->onError();
+        return false;
+    }
+
+    if (!handshakeDone) {
+        char byte;
+        if (::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK) == 0) {
+            LOG4CXX_DEBUG(logger, "TLS/SSL handshake with '" << m_peerURI
+                                                             << "' failed because the socket was closed before the "
+                                                                "handshake could complete");
+            terminateConnection();
+            handler->onClose();
+            return false;
+        }
+        bool accepted;
+        {
+            Common::ScopedLock guard(&m_lock);
+            if (m_ssl == nullptr) {
+                return false;
+            }
+            accepted = handleAccept_i();
+        }
+        if (!accepted) {
+            terminateConnection();
+            handler->onError();
+            return false;
+        }
+        // No callback for a handshake step, nor when it completes.
+        return true;
+    }
+
+    if ((events & (socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_PENDING)) != 0) {
+        ReadOutcome outcome = ReadOutcome::Deliver;
+        {
+            Common::ScopedLock guard(&m_lock);
+            if (m_ssl == nullptr) {
+                outcome = ReadOutcome::ClosedByOwner;
+            } else {
+                // A peek tells data from the peer's close_notify and from a failure without
+                // taking anything from the handler.
+                m_endPending = false;
+                ERR_clear_error();
+                char byte;
+                const int result = SSL_peek(m_ssl, &byte, 1);
+                const int savedErrno = errno;
+                if (result <= 0) {
+                    const int error = SSL_get_error(m_ssl, result);
+                    if (error == SSL_ERROR_ZERO_RETURN) {
+                        terminateConnection_i();
+                        outcome = ReadOutcome::PeerClosed;
+                    } else if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE &&
+                               error != SSL_ERROR_WANT_CONNECT && error != SSL_ERROR_WANT_ACCEPT) {
+                        int code = 0;
+                        errno = savedErrno;
+                        const std::string text = tools::sslErrorText(error, "SSL_peek", &code);
+                        if (code != tools::kWouldBlock) {
+                            LOG4CXX_WARN(logger, "onEvents[" << m_description << "]: " << text);
+                            terminateConnection_i();
+                            outcome = ReadOutcome::Failed;
+                        }
+                    }
+                }
+            }
+        }
+        switch (outcome) {
+            case ReadOutcome::ClosedByOwner:
+                return false;
+            case ReadOutcome::PeerClosed:
+                handler->onClose();
+                return false;
+            case ReadOutcome::Failed:
+                handler->onError();
+                return false;
+            case ReadOutcome::Deliver:
+                // Also for a mere fragment of a record: recv may then deliver nothing.
+                handler->onRead(this);
+                break;
+        }
+    }
+    if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
+        handler->onWrite(this);
+    }
+    return true;
+}
+
+bool SSLChannel::handleAccept() {
+    Common::ScopedLock guard(&m_lock);
+    return m_ssl != nullptr && handleAccept_i();
+}
+
+bool SSLChannel::handleAccept_i() {
+    LOG4CXX_DEBUG(logger, "initiating/continueing TLS/SSL handshake with '" << m_peerURI << "'");
+    ERR_clear_error();
+    const int result = SSL_accept(m_ssl);
+    const int savedErrno = errno;
+    if (result == 1) {
+        m_handshakeDone = true;
+        char description[128];
+        const SSL_CIPHER * cipher = SSL_get_current_cipher(m_ssl);
+        const char * text = cipher != nullptr ? SSL_CIPHER_description(cipher, description, sizeof description) : nullptr;
+        LOG4CXX_DEBUG(logger, "accepted with encryption: '" << (text != nullptr ? text : "<null>") << "'");
+        return true;
+    }
+    const int error = SSL_get_error(m_ssl, result);
+    if (result == 0) {
+        errno = savedErrno;
+        const std::string text = tools::sslErrorText(error, "SSL_accept", nullptr);
+        LOG4CXX_INFO(logger, "TLS/SSL handshake with '" << m_peerURI << "' resulted in not accepting due to:" << text);
+        return false;
+    }
+    LOG4CXX_DEBUG(logger, "handleAccept: SSL_get_error( ssl, ret_code = " << result << ") --> "
+                                                                          << tools::sslErrorName(error));
+    // Always drained here, whatever the case, so that no error stays on the reactor's queue.
+    int code = 0;
+    errno = savedErrno;
+    const std::string text = tools::sslErrorText(error, "SSL_accept", &code);
+    if (error == SSL_ERROR_WANT_READ) {
+        LOG4CXX_DEBUG(logger, "SSL_accept with '" << m_peerURI << "': ==> SSL_ERROR_WANT_READ-> r = " << result);
+        m_handshakeEvents = socketio::SELECT_EVENT_READ;
+        return true;
+    }
+    if (error == SSL_ERROR_WANT_WRITE) {
+        LOG4CXX_DEBUG(logger, "SSL_accept with '" << m_peerURI << "': ==> SSL_ERROR_WANT_WRITE-> r = " << result);
+        m_handshakeEvents = socketio::SELECT_EVENT_WRITE;
+        return true;
+    }
+    if (code == tools::kWouldBlock) {
+        LOG4CXX_DEBUG(logger, "SSL_accept with '" << m_peerURI << "': ==> EWOULDBLOCK -> r = " << result);
+        m_handshakeEvents = socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE;
+        return true;
+    }
+    LOG4CXX_WARN(logger, "TLS/SSL handshake with '" << m_peerURI << "' error:" << text);
+    return false;
+}
+
+int SSLChannel::recv(int length, void * buffer) {
+    Common::ScopedLock guard(&m_lock);
+    if (m_ssl == nullptr) {
+        LOG4CXX_DEBUG(logger, "recv: the channel is closed");
+        return -1;
+    }
+    char * position = static_cast<char *>(buffer);
+    int remaining = length;
+    bool wantRead = false;
+    int result;
+    int error;
+    int savedErrno;
+    for (;;) {
+        ERR_clear_error();
+        result = SSL_read(m_ssl, position, remaining);
+        savedErrno = errno;
+        error = SSL_get_error(m_ssl, result);
+        LOG4CXX_TRACE(logger, "recv: SSL_read( ssl, buffer, " << remaining << ") = " << result);
+        LOG4CXX_TRACE(logger, "recv: SSL_get_error( ssl, " << result << ") --> " << tools::sslErrorName(error));
+        if (error == SSL_ERROR_NONE) {
+            if (result < 1) {
+                return length - remaining;
+            }
+            position += result;
+            remaining -= result;
+        } else if (error == SSL_ERROR_WANT_READ) {
+            LOG4CXX_TRACE(logger, "recv: ==> SSL_ERROR_WANT_READ-> r = " << result);
+            wantRead = true;
+        } else {
+            break;
+        }
+        // Goes on while the socket holds further records (fewer reactor cycles per byte), and
+        // never waits for it: a socket without more data ends the loop with WANT_READ.
+        if (remaining < 1 || wantRead) {
+            return length - remaining;
+        }
+    }
+    if (remaining < length) {
+        // The bytes read before the end or the failure are the handler's. OpenSSL keeps the
+        // state, and the peek of the next event reports it; that event must come even though
+        // the socket may have nothing more to say.
+        m_endPending = true;
+        return length - remaining;
+    }
+    if (error == SSL_ERROR_WANT_WRITE) {
+        LOG4CXX_WARN(logger, "recv: ==> SSL_ERROR_WANT_WRITE-> r = " << result);
+    }
+    int code = 0;
+    errno = savedErrno;
+    const std::string text = tools::sslErrorText(error, "SSL_read", &code);
+    if (code != tools::kWouldBlock) {
+        LOG4CXX_ERROR(logger, "recv: unable to read from ssl socket: " << text);
+        return -1;
+    }
+    LOG4CXX_WARN(logger, "recv: unable to read from ssl socket, EWOULDBLOCK, while NO bytes read through SSL");
+    return 0;
+}
+
+int SSLChannel::send(int length, const void * buffer) {
+    Common::ScopedLock guard(&m_lock);
+    if (m_ssl == nullptr) {
+        // After close(), or after the connection ended: refused rather than a use of freed memory.
+        LOG4CXX_DEBUG(logger, "send: the channel is closed");
+        return -1;
+    }
+    if (length <= 0) {
+        return 0;
+    }
+    ERR_clear_error();
+    const int result = SSL_write(m_ssl, buffer, length);
+    const int savedErrno = errno;
+    const int error = SSL_get_error(m_ssl, result);
+    LOG4CXX_TRACE(logger, "send: SSL_write( ssl, buffer, " << length << ") = " << result);
+    LOG4CXX_TRACE(logger, "send: SSL_get_error( ssl, " << result << ") --> " << tools::sslErrorName(error));
+    switch (error) {
+        case SSL_ERROR_NONE:
+            return result;
+        // Nothing was taken: 0, as on every channel, so that a host does not take OpenSSL's
+        // wish for a repeat for a failed connection. The host repeats from the same bytes.
+        case SSL_ERROR_WANT_READ:
+            LOG4CXX_WARN(logger, "send: ==> SSL_ERROR_WANT_READ-> r = " << result);
+            return 0;
+        case SSL_ERROR_WANT_WRITE:
+            LOG4CXX_TRACE(logger, "send: ==> SSL_ERROR_WANT_WRITE-> r = " << result);
+            return 0;
+        default:
+            break;
+    }
+    int code = 0;
+    errno = savedErrno;
+    const std::string text = tools::sslErrorText(error, "SSL_write", &code);
+    if (code == tools::kWouldBlock) {
+        if (result == 0) {
+            LOG4CXX_WARN(logger, "send: unable to send through ssl socket, EWOULDBLOCK, while NO bytes sent through SSL");
+            return 0;
+        }
+        LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket, EWOULDBLOCK, returning " << result);
+        return result;
+    }
+    LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
+    return -1;
+}
+
+void SSLChannel::terminateConnection() {
+    Common::ScopedLock guard(&m_lock);
+    terminateConnection_i();
+}
+
+void SSLChannel::terminateConnection_i() {
+    LOG4CXX_DEBUG(logger, "terminateConnection[" << m_description << "]()");
+    if (m_ssl != nullptr) {
+        if (m_handshakeDone) {
+            // Sends close_notify; the peer's answer is not awaited.
+            SSL_shutdown(m_ssl);
+        }
+        SSL_free(m_ssl);
+        m_ssl = nullptr;
+        // A shutdown on a dead connection leaves errors behind that belong to nobody.
+        ERR_clear_error();
+    }
+}
+
+}  // namespace ssl

@@ -1,0 +1,99 @@
+// ssl::SSLChannel: a connected TLS socket driven by the select reactor. Every byte goes through
+// its OpenSSL connection; nothing is buffered here. A client channel starts with the handshake
+// done (the protocol ran it on the caller's thread); an accepted one finishes it under the
+// reactor. Kept alive by the reactor while registered and by its owner's references; handler
+// callbacks run on the reactor thread.
+//
+// One lock of the channel guards the OpenSSL connection (OpenSSL allows no two threads on one
+// SSL), the handler reference and the handshake state. It is a leaf lock: held only around
+// OpenSSL calls and member access, never across a handler callback.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstdint>
+#include <string>
+
+#include "common/lock.h"
+#include "corvane/channel.h"
+#include "socketio/iselecteventsubscriber.h"
+#include "socketio/readinterest.h"
+#include "socketio/selectreactor.h"
+
+namespace ssl {
+
+class SSLChannel : public net::IChannel,
+                   public socketio::ISelectEventSubscriber,
+                   public net::IReadDataStream,
+                   public net::IWriteDataStream {
+public:
+    // Takes over the connected socket (switched to non-blocking here) and the SSL bound to it.
+    // The URIs carry the scheme "ssl", whatever the channel was opened as. The destructor frees
+    // neither: the connection ends by close(), or by the reactor when the channel reports its end.
+    SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone);
+    ~SSLChannel() override;
+
+    const char * getLocalURI() const override { return m_localURI.c_str(); }
+    const char * getPeerURI() const override { return m_peerURI.c_str(); }
+    const char * getDescription() const override { return m_description.c_str(); }
+    // Any thread: sends close_notify if the handshake was done, frees the connection, leaves the
+    // reactor (waiting for it on another thread) and closes the socket. No handler call
+    // results. Harmless when repeated.
+    void close() override;
+    net::IWriteDataStream * getWriteDataStream() override { return this; }
+    net::IChannelHandler * getChannelHandler() const override;
+    // Any thread; null is accepted.
+    void setChannelHandler(net::IChannelHandler * handler) override;
+
+    // Reactor thread only.
+    short getEventMask() noexcept override;
+    bool onEvents(const short & events, const std::uint64_t & now) noexcept override;
+    unsigned int & getSocket() override { return m_socket; }
+    socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
+    void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
+    std::uint64_t getLastEventTime() const override { return m_lastEventTime; }
+
+    // Reactor thread, from onRead. What OpenSSL has decoded, up to `length`: 0 when nothing is
+    // there at this moment (that is not the peer's end, which shows in the next event), -1 when
+    // the connection failed or is closed. Never waits for the socket.
+    int recv(int length, void * buffer) override;
+    // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible); 0 when
+    // nothing was taken now, also when OpenSSL wants the write repeated (then with the same
+    // bytes, at least as many); -1 when the connection failed or is closed.
+    int send(int length, const void * buffer) override;
+
+    // Reactor thread: one step of the server handshake. False when it failed.
+    bool handleAccept();
+    // Any thread: close_notify if the handshake was done (without waiting for the peer's), then
+    // the connection is freed. The socket is left to whoever closes it: close(), or the reactor
+    // once onEvents has answered false.
+    void terminateConnection();
+
+private:
+    // m_lock held.
+    bool handleAccept_i();
+    void terminateConnection_i();
+
+    unsigned int m_socket;
+    std::uint64_t m_lastEventTime;
+    Common::SmartPtr<socketio::SelectReactor> m_reactor;
+    // The reactor this channel was first registered with, kept after removal so that close()
+    // on a host thread can synchronise with the reactor ending the channel.
+    Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
+    SSL * m_ssl;  // GUARDED_BY(m_lock)
+    std::string m_localURI;
+    std::string m_peerURI;
+    std::string m_description;
+    Common::SmartPtr<net::IChannelHandler> m_handler;  // GUARDED_BY(m_lock)
+    // The handler's read-interest face, looked up once when the handler is set; null when it
+    // has none.
+    socketio::IReadInterest * m_readInterest;  // GUARDED_BY(m_lock)
+    bool m_handshakeDone;                      // GUARDED_BY(m_lock)
+    // recv met the peer's end or a failure after bytes it delivered: the next cycle's peek
+    // reports it, even with a silent socket.
+    bool m_endPending;                         // GUARDED_BY(m_lock)
+    short m_handshakeEvents;                   // reactor thread only
+    mutable Common::Lock m_lock;
+};
+
+}  // namespace ssl

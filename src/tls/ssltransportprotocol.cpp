@@ -1,0 +1,170 @@
+#include "tls/ssltransportprotocol.h"
+
+#include <openssl/err.h>
+
+#include "common/logging.h"
+#include "net/optionmap.h"
+#include "proxy/proxyresolver.h"
+#include "socketio/selectreactor.h"
+#include "socketio/socketfunctions.h"
+#include "tls/socketbio.h"
+#include "tls/sslchannel.h"
+#include "tls/sslchannelserver.h"
+#include "tls/sslcontext.h"
+#include "tls/sslexception.h"
+#include "tls/sslinternalexception.h"
+
+namespace ssl {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.ssl.SSLTransportProtocol");
+
+const char * text(const char * value) {
+    return value != nullptr ? value : "";
+}
+
+// Holds the socket and the SSL of a connection being made; on the way out by an exception it
+// frees the SSL (without close_notify) and closes the socket. Cleared once a channel or server
+// has taken them over.
+struct HandleGuard {
+    unsigned int socket = socketio::INVALID_SOCKET_HANDLE;
+    SSL * ssl = nullptr;
+
+    HandleGuard() = default;
+    HandleGuard(const HandleGuard &) = delete;
+    HandleGuard & operator=(const HandleGuard &) = delete;
+    ~HandleGuard() {
+        if (ssl != nullptr) {
+            SSL_free(ssl);
+        }
+        if (socket != socketio::INVALID_SOCKET_HANDLE) {
+            socketio::SocketClose(socket);
+        }
+    }
+    void release() {
+        ssl = nullptr;
+        socket = socketio::INVALID_SOCKET_HANDLE;
+    }
+};
+
+socketio::SelectReactor * selectReactorOf(net::IReactor * reactor, const char * operation) {
+    auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(reactor);
+    if (selectReactor == nullptr) {
+        throw InternalException((std::string(operation) + " needs a reactor made by this module").c_str(), true);
+    }
+    return selectReactor;
+}
+}  // namespace
+
+SSLTransportProtocol::SSLTransportProtocol(const socketio::socket_options & options) : m_socketOptions(options) {}
+
+SSLTransportProtocol::~SSLTransportProtocol() = default;
+
+void SSLTransportProtocol::ensureLibrary() {
+    // Two first calls at once make one guard, not two.
+    std::call_once(m_libraryOnce, [this] { m_library.reset(new SSLLibraryGuard); });
+}
+
+unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy) {
+    if (viaProxy) {
+        std::call_once(m_proxyResolverOnce, [this] { m_proxyResolver.reset(ProxyResolver::createResolver()); });
+        // The CONNECT exchange through the resolver's proxies takes this place; until it is
+        // part of the library a proxied connection goes direct.
+    }
+    return socketio::SocketConnect(uri, m_socketOptions);
+}
+
+net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
+                                                  net::IChannelHandler * handler, const char * options) {
+    LOG4CXX_INFO(logger, "openChannel('" << text(uri) << "', " << static_cast<const void *>(handler) << ", '"
+                                         << text(options) << "')");
+    socketio::SelectReactor * selectReactor = selectReactorOf(reactor, "openChannel");
+    const net::URI parsedUri = net::URI::FromString(text(uri));
+    ensureLibrary();
+    net::OptionMap optionMap;
+    optionMap.parse(options);
+
+    HandleGuard guard;
+    guard.socket = connect(parsedUri, net::OptionMap::isTrue(optionMap.get("EnableProxy", "false")));
+    if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
+        LOG4CXX_ERROR(logger, "unable to connect");
+        return nullptr;
+    }
+
+    // The context of these options, built when they were first used or a file they name changed.
+    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
+    guard.ssl = SSL_new(context->context());
+    if (guard.ssl == nullptr) {
+        throw tools::SSLException();
+    }
+    const std::string host = parsedUri.getHost();
+    ERR_clear_error();
+    // Server Name Indication is sent for a name and an address literal alike.
+    int result = static_cast<int>(SSL_set_tlsext_host_name(guard.ssl, host.c_str()));
+    if (result <= 0) {
+        throw InternalException(
+            tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_set_tlsext_host_name", nullptr).c_str(), true);
+    }
+    if (!SSL_set_socket(guard.ssl, guard.socket)) {
+        throw tools::SSLException();
+    }
+    // Blocking, with no time limit: the socket is still in blocking mode.
+    result = SSL_connect(guard.ssl);
+    if (result <= 0) {
+        throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
+                                true);
+    }
+    if (net::OptionMap::isTrue(optionMap.get("ValidateServerName", "true"))) {
+        tools::SSLContext::validateCertificates(guard.ssl, host.c_str());
+    }
+
+    Common::SmartPtr<SSLChannel> channel(new SSLChannel(guard.socket, guard.ssl, true));
+    guard.release();
+    try {
+        channel->setChannelHandler(handler);
+        selectReactor->registerSubscriber(channel.get());
+    } catch (...) {
+        // Nobody else would ever free this connection or close its socket.
+        channel->terminateConnection();
+        socketio::SocketClose(channel->getSocket());
+        channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
+        channel->setChannelHandler(nullptr);
+        throw;
+    }
+    return channel.get();
+}
+
+net::IChannelServer * SSLTransportProtocol::startChannelServer(net::IReactor * reactor, const char * uri,
+                                                               net::IChannelAcceptor * acceptor,
+                                                               const char * options) {
+    LOG4CXX_INFO(logger, "startChannelServer('" << text(uri) << "', " << static_cast<const void *>(acceptor) << ", '"
+                                                << text(options) << "')");
+    socketio::SelectReactor * selectReactor = selectReactorOf(reactor, "startChannelServer");
+    const net::URI parsedUri = net::URI::FromString(text(uri));
+    ensureLibrary();
+
+    HandleGuard guard;
+    guard.socket = socketio::SocketListen(parsedUri, m_socketOptions);
+    if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
+        LOG4CXX_ERROR(logger, "unable to listen");
+        return nullptr;
+    }
+    // The port is held while certificates load; a failure here frees it through the guard.
+    net::OptionMap optionMap;
+    optionMap.parse(options);
+    tools::SSLContext context(optionMap);
+    context.setup(false);
+
+    Common::SmartPtr<SSLChannelServer> server(new SSLChannelServer(guard.socket, this, context, acceptor, m_socketOptions));
+    guard.release();
+    try {
+        selectReactor->registerSubscriber(server.get());
+    } catch (...) {
+        socketio::SocketClose(server->getSocket());
+        server->getSocket() = socketio::INVALID_SOCKET_HANDLE;
+        throw;
+    }
+    return server.get();
+}
+
+}  // namespace ssl
