@@ -62,7 +62,12 @@ int socket_send(unsigned int hSocket, OutputRing & buffer) {
 }  // namespace
 
 WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options)
-    : m_hSocket(hSocket),
+    : WebSocketChannel(hSocket, options, logger) {}
+
+WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options,
+                                   const log4cxx::LoggerPtr & classLogger)
+    : m_log(classLogger),
+      m_hSocket(hSocket),
       m_bHandshakeDone(false),
       m_bOpen(false),
       m_pReadInterest(nullptr),
@@ -72,8 +77,8 @@ WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_
       m_OutputBuffer(static_cast<std::int64_t>(options.receiveBufferSize)),
       m_bOutputOverflow(false),
       m_bEnded(false) {
-    LOG4CXX_TRACE(logger, "ctor");
-    LOG4CXX_INFO(logger, "initializing using rcvBuf=" << options.receiveBufferSize
+    LOG4CXX_TRACE(m_log, "ctor");
+    LOG4CXX_INFO(m_log, "initializing using rcvBuf=" << options.receiveBufferSize
                                                       << " and sndBuf=" << options.sendBufferSize);
     m_Client.get_alog().setLogger(accessLogger);
     m_Client.get_elog().setLogger(errorLogger);
@@ -89,19 +94,20 @@ WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_
 }
 
 WebSocketChannel::~WebSocketChannel() {
-    LOG4CXX_TRACE(logger, "dtor");
+    LOG4CXX_TRACE(m_log, "dtor");
     // A connection still waiting for input holds itself alive through that wait.
     endEngineInput();
 }
 
 void WebSocketChannel::openLogicalConnection(const char * szURI) {
-    LOG4CXX_TRACE(logger, "openLogicalConnection( szURI = " << szURI << " )");
+    LOG4CXX_TRACE(m_log, "openLogicalConnection( szURI = " << szURI << " )");
     const int fd = static_cast<int>(m_hSocket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    prepareTransport();
     try {
         {
             std::lock_guard<std::mutex> guard(m_SendMutex);
-            m_Client.set_secure(false);
+            m_Client.set_secure(secure());
             std::error_code ec;
             m_Connection = m_Client.get_connection(szURI, ec);
             if (ec) {
@@ -133,7 +139,7 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
         throw InternalException(e.what());
     }
     net::URI local = socketio::SocketLocalURI(m_hSocket, true, "tcp");
-    local.setScheme("ws");
+    local.setScheme(secure() ? "wss" : "ws");
     m_strLocalURI = local.ToString();
     m_strPeerURI = net::URI::FromString(szURI).ToString();
     m_strDescription = m_strLocalURI + " <-> " + m_strPeerURI;
@@ -141,7 +147,7 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
 
 template <typename Done>
 void WebSocketChannel::processUntil(Done done) {
-    LOG4CXX_TRACE(logger, "enter websocketProcessLoop()");
+    LOG4CXX_TRACE(m_log, "enter websocketProcessLoop()");
     // poll, not select: descriptors above 1023 are as good as any other.
     while (!done() && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
         const bool writing = outputWaiting();
@@ -156,7 +162,7 @@ void WebSocketChannel::processUntil(Done done) {
             readDataFromSocketToWebSocket();
         }
     }
-    LOG4CXX_TRACE(logger, "leave websocketProcessLoop()");
+    LOG4CXX_TRACE(m_log, "leave websocketProcessLoop()");
 }
 
 bool WebSocketChannel::outputWaiting() {
@@ -172,65 +178,76 @@ void WebSocketChannel::endEngineInput() {
     try {
         m_Connection->eof();
     } catch (const websocketpp::exception & e) {
-        LOG4CXX_DEBUG(logger, "endEngineInput[" << m_strDescription << "]: " << e.what());
+        LOG4CXX_DEBUG(m_log, "endEngineInput[" << m_strDescription << "]: " << e.what());
     }
 }
 
 bool WebSocketChannel::readDataFromSocketToWebSocket() {
     Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
-    try {
-        const ssize_t n = ::recv(static_cast<int>(m_hSocket), m_RecvBuffer.data(), m_RecvBuffer.size(), 0);
-        LOG4CXX_TRACE(logger, "readDataFromSocketToWebSocket[" << m_strDescription << "]: recv( socket = " << m_hSocket
-                                                               << ", buf = " << static_cast<const void *>(m_RecvBuffer.data())
-                                                               << ", len = " << m_RecvBuffer.size()
-                                                               << ", flags = 0 ) -> " << n << " bytes");
-        if (n <= 0) {
-            m_bInputEnded = true;
-            endEngineInput();
-            if (handler) {
-                if (n == 0) {
-                    handler->onClose();
-                } else {
-                    handler->onError();
-                }
+    const ssize_t n = ::recv(static_cast<int>(m_hSocket), m_RecvBuffer.data(), m_RecvBuffer.size(), 0);
+    LOG4CXX_TRACE(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: recv( socket = " << m_hSocket
+                                                          << ", buf = " << static_cast<const void *>(m_RecvBuffer.data())
+                                                          << ", len = " << m_RecvBuffer.size() << ", flags = 0 ) -> "
+                                                          << n << " bytes");
+    if (n <= 0) {
+        endInput();
+        if (handler) {
+            if (n == 0) {
+                handler->onClose();
+            } else {
+                handler->onError();
             }
-            return false;
         }
+        return false;
+    }
+    return feedEngine(static_cast<std::size_t>(n), handler.get());
+}
+
+void WebSocketChannel::endInput() {
+    m_bInputEnded = true;
+    endEngineInput();
+}
+
+bool WebSocketChannel::feedEngine(std::size_t n, net::IChannelHandler * handler) {
+    try {
         std::size_t consumed;
         bool overflow;
         {
             std::lock_guard<std::mutex> guard(m_SendMutex);
-            consumed = m_Connection->read_all(m_RecvBuffer.data(), static_cast<std::size_t>(n));
+            consumed = m_Connection->read_all(m_RecvBuffer.data(), n);
             overflow = m_bOutputOverflow;
         }
         if (overflow) {
             // An automatic reply (pong, close) found no room: the channel cannot keep its word
             // to the peer, so it ends, and the handler hears of it.
-            LOG4CXX_ERROR(logger, "readDataFromSocketToWebSocket[" << m_strDescription
-                                                                   << "]: reply of the engine does not fit the output buffer, "
-                                                                   << kOverflowText);
-            m_bInputEnded = true;
-            endEngineInput();
-            if (handler) {
+            LOG4CXX_ERROR(m_log, "readDataFromSocketToWebSocket[" << m_strDescription
+                                                                  << "]: reply of the engine does not fit the output buffer, "
+                                                                  << kOverflowText);
+            endInput();
+            if (handler != nullptr) {
                 handler->onError();
             }
             return false;
         }
-        if (consumed < static_cast<std::size_t>(n)) {
-            LOG4CXX_WARN(logger, "readDataFromSocketToWebSocket[" << m_strDescription << "]: processed " << consumed
-                                                                  << " bytes while " << n << " bytes received");
+        if (consumed < n) {
+            LOG4CXX_WARN(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: processed " << consumed
+                                                                 << " bytes while " << n << " bytes received");
             return false;
         }
-        if (!handler) {
+        if (handler == nullptr) {
             // A channel that receives data needs a handler.
             return false;
         }
-        m_ReadMessageBuffer.deliverTo(handler.get());
+        m_ReadMessageBuffer.deliverTo(handler);
         return true;
     } catch (const websocketpp::exception & e) {
-        LOG4CXX_WARN(logger, "readDataFromSocketToWebSocket[" << m_strDescription << "]: exception caught: " << e.what());
+        LOG4CXX_WARN(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: exception caught: " << e.what());
         return false;
     }
+}
+
+int WebSocketChannel::sendOutput_i() {
+    return socket_send(m_hSocket, m_OutputBuffer);
 }
 
 bool WebSocketChannel::flushWriteToSocket() {
@@ -242,10 +259,10 @@ bool WebSocketChannel::flushWriteToSocket_i() {
     if (m_OutputBuffer.readAvailable() == 0) {
         return true;
     }
-    const int n = socket_send(m_hSocket, m_OutputBuffer);
-    LOG4CXX_TRACE(logger, "flushWriteToSocket[" << m_strDescription << "]: socket_send() -> " << n << " bytes");
+    const int n = sendOutput_i();
+    LOG4CXX_TRACE(m_log, "flushWriteToSocket[" << m_strDescription << "]: " << senderName() << "() -> " << n << " bytes");
     if (n < 0) {
-        LOG4CXX_ERROR(logger, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        LOG4CXX_ERROR(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
         return false;
     }
     return true;
@@ -260,7 +277,7 @@ void WebSocketChannel::writeToHandlerAndFlush() {
 }
 
 int WebSocketChannel::send(int nMaxSize, const void * data) {
-    LOG4CXX_TRACE(logger, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
+    LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
     if (!m_Connection || m_bEnded) {
         // Never opened, or the reactor or close() has let go of the socket: the connection
@@ -293,7 +310,7 @@ int WebSocketChannel::send(int nMaxSize, const void * data) {
 }
 
 std::error_code WebSocketChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
-    LOG4CXX_TRACE(logger, "onWebSocketWrite[" << m_strDescription << "]( hdl = ..., data = "
+    LOG4CXX_TRACE(m_log, "onWebSocketWrite[" << m_strDescription << "]( hdl = ..., data = "
                                               << static_cast<const void *>(data) << ", maxSize = " << size
                                               << "), m_OutputBuffer=" << m_OutputBuffer.toString());
     if (!m_bOutputOverflow) {
@@ -309,18 +326,18 @@ std::error_code WebSocketChannel::onWebSocketWrite(std::weak_ptr<void>, const ch
 }
 
 void WebSocketChannel::onWebSocketClose(std::weak_ptr<void>) {
-    LOG4CXX_INFO(logger, "onWebSocketClose[" << m_strDescription << "]()");
+    LOG4CXX_INFO(m_log, "onWebSocketClose[" << m_strDescription << "]()");
     m_bOpen = false;
 }
 
 void WebSocketChannel::onWebSocketOpen(std::weak_ptr<void>) {
-    LOG4CXX_INFO(logger, "onWebSocketOpen[" << m_strDescription << "]()");
+    LOG4CXX_INFO(m_log, "onWebSocketOpen[" << m_strDescription << "]()");
     m_bHandshakeDone = true;
     m_bOpen = true;
 }
 
 void WebSocketChannel::onWebSocketFail(std::weak_ptr<void>) {
-    LOG4CXX_INFO(logger, "onWebSocketFail[" << m_strDescription << "]()");
+    LOG4CXX_INFO(m_log, "onWebSocketFail[" << m_strDescription << "]()");
     m_strHandshakeError = m_Connection->get_response_msg();
     m_bHandshakeDone = true;
     m_bOpen = false;
@@ -328,34 +345,34 @@ void WebSocketChannel::onWebSocketFail(std::weak_ptr<void>) {
 
 void WebSocketChannel::onWebSocketMessage(std::weak_ptr<void>, Client::message_ptr message) {
     try {
-        LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription << "]( hdl = ..., msg = "
+        LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription << "]( hdl = ..., msg = "
                                                     << static_cast<const void *>(message.get()));
         // Text and any other opcode are dropped: the channel is a binary byte stream.
         if (message->get_opcode() == websocketpp::frame::opcode::binary) {
             m_ReadMessageBuffer.addMessage(std::move(message->get_raw_payload()));
-            LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
+            LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription
                                                         << "]: m_ReadMessageBuffer.size = " << m_ReadMessageBuffer.size());
         }
     } catch (const std::exception & e) {
-        LOG4CXX_INFO(logger, "exception caught during onWebSocketMessage: " << e.what());
+        LOG4CXX_INFO(m_log, "exception caught during onWebSocketMessage: " << e.what());
     } catch (...) {
-        LOG4CXX_INFO(logger, "unknown exception caught during onWebSocketMessage");
+        LOG4CXX_INFO(m_log, "unknown exception caught during onWebSocketMessage");
     }
 }
 
 bool WebSocketChannel::onWebSocketPing(std::weak_ptr<void>, std::string payload) {
-    LOG4CXX_DEBUG(logger, "onWebSocketPing[" << m_strDescription << "]( hdl = ..., payload = " << payload << " )");
+    LOG4CXX_DEBUG(m_log, "onWebSocketPing[" << m_strDescription << "]( hdl = ..., payload = " << payload << " )");
     return true;
 }
 
 void WebSocketChannel::setChannelHandler(net::IChannelHandler * handler) {
-    LOG4CXX_TRACE(logger, "setChannelHandler[" << m_strDescription << "]( " << static_cast<void *>(handler) << " )");
+    LOG4CXX_TRACE(m_log, "setChannelHandler[" << m_strDescription << "]( " << static_cast<void *>(handler) << " )");
     m_ChannelHandler = handler;
     m_pReadInterest = dynamic_cast<socketio::IReadInterest *>(handler);
 }
 
 void WebSocketChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
-    LOG4CXX_TRACE(logger, "setReactor[" << m_strDescription << "](" << static_cast<void *>(reactor) << ", " << now << ")");
+    LOG4CXX_TRACE(m_log, "setReactor[" << m_strDescription << "](" << static_cast<void *>(reactor) << ", " << now << ")");
     m_Reactor = reactor;
     if (reactor != nullptr && !m_homeReactor) {
         m_homeReactor = reactor;
@@ -371,6 +388,9 @@ short WebSocketChannel::getEventMask() noexcept {
         mask = socketio::SELECT_EVENT_PENDING;
     } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
         mask = socketio::SELECT_EVENT_READ;
+        if (inputPending()) {
+            mask |= socketio::SELECT_EVENT_PENDING;
+        }
     }
     if (outputWaiting() || (m_ChannelHandler && m_ChannelHandler->hasPendingWrite())) {
         mask |= socketio::SELECT_EVENT_WRITE;
@@ -397,7 +417,9 @@ bool WebSocketChannel::dispatch(short events) {
     if (handler && ((events & socketio::SELECT_EVENT_PENDING) != 0 || !m_ReadMessageBuffer.empty())) {
         m_ReadMessageBuffer.deliverTo(handler.get());
     }
-    if (m_ReadMessageBuffer.empty() && (events & socketio::SELECT_EVENT_READ) != 0) {
+    const bool readable = (events & socketio::SELECT_EVENT_READ) != 0 ||
+                          ((events & socketio::SELECT_EVENT_PENDING) != 0 && inputPending());
+    if (m_ReadMessageBuffer.empty() && readable) {
         if (!readDataFromSocketToWebSocket()) {
             return false;
         }
@@ -407,7 +429,7 @@ bool WebSocketChannel::dispatch(short events) {
             closing = m_Connection->get_state() == websocketpp::session::state::closing;
         }
         if (closing) {
-            LOG4CXX_TRACE(logger, "onEvents[" << m_strDescription << "]: state is closing");
+            LOG4CXX_TRACE(m_log, "onEvents[" << m_strDescription << "]: state is closing");
             writeToHandlerAndFlush();
         }
     }
@@ -424,7 +446,7 @@ bool WebSocketChannel::dispatch(short events) {
 }
 
 void WebSocketChannel::close() {
-    LOG4CXX_INFO(logger, "close[" << m_strDescription << "]()");
+    LOG4CXX_INFO(m_log, "close[" << m_strDescription << "]()");
     Common::SmartPtr<socketio::SelectReactor> registeredWith;
     {
         socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
@@ -447,16 +469,20 @@ void WebSocketChannel::close() {
             if (overflow) {
                 // The close frame found no room: the socket is closed all the same, so that
                 // the owner is not left with a socket that nobody will close.
-                LOG4CXX_WARN(logger, "close[" << m_strDescription << "]: " << kOverflowText);
+                LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: " << kOverflowText);
             } else {
                 processUntil([this] { return !m_bOpen; });
             }
         } catch (const websocketpp::exception & e) {
-            LOG4CXX_WARN(logger, "close[" << m_strDescription << "]: got websocket error: " << e.what());
+            LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: got websocket error: " << e.what());
         }
         endEngineInput();
     }
     markEnded();
+    {
+        std::lock_guard<std::mutex> guard(m_SendMutex);
+        releaseTransport_i();
+    }
     socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
     if (m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
         socketio::SocketClose(m_hSocket);

@@ -40,6 +40,8 @@ public:
     // receive size on purpose; the send size is only logged); so does one read.
     WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options);
     ~WebSocketChannel() override;
+    WebSocketChannel(const WebSocketChannel &) = delete;
+    WebSocketChannel & operator=(const WebSocketChannel &) = delete;
 
     // Caller's thread, before the channel is subscribed and before a handler is set; blocks
     // until the opening handshake has ended, with no time limit of its own (only the peer's
@@ -66,6 +68,34 @@ public:
     void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
     std::uint64_t getLastEventTime() const override { return m_nLastEventTime; }
 
+protected:
+    // For the TLS twin: its own log category, and the bottom layer below.
+    WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options,
+                     const log4cxx::LoggerPtr & classLogger);
+
+    // The bottom layer: plain socket calls here, an SSL in the TLS twin.
+    virtual bool secure() const { return false; }
+    // Caller's thread, in openLogicalConnection once the socket is non-blocking.
+    virtual void prepareTransport() {}
+    // The read path: takes bytes from below and hands them to feedEngine. True while the
+    // channel goes on living.
+    virtual bool readDataFromSocketToWebSocket();
+    // Drains m_OutputBuffer; the bytes sent, or -1. m_SendMutex held.
+    virtual int sendOutput_i();
+    virtual const char * senderName() const { return "socket_send"; }
+    // Decoded input that waits below, where the socket cannot show it. Reactor thread.
+    virtual bool inputPending() { return false; }
+    // In close(), after the close handshake and before the socket is closed. m_SendMutex held.
+    virtual void releaseTransport_i() {}
+
+    // Gives n received bytes of m_RecvBuffer to the engine and the engine's messages to the
+    // handler. True while the channel goes on living.
+    bool feedEngine(std::size_t n, net::IChannelHandler * handler);
+    // The end of input: the engine is told, the pump loops stop.
+    void endInput();
+
+    const log4cxx::LoggerPtr & m_log;
+
 private:
     // Any thread. One binary message of at most the ring's free room less 128 bytes (the
     // room kept for the frame header); 0 when no more fits now. Throws
@@ -81,8 +111,6 @@ private:
     void onWebSocketMessage(std::weak_ptr<void> hdl, Client::message_ptr message);
     bool onWebSocketPing(std::weak_ptr<void> hdl, std::string payload);
 
-    // True while the channel goes on living.
-    bool readDataFromSocketToWebSocket();
     bool dispatch(short events);
     void markEnded();
     bool flushWriteToSocket();
@@ -95,7 +123,10 @@ private:
     template <typename Done>
     void processUntil(Done done);
 
+protected:
     unsigned int m_hSocket;
+
+private:
     Client m_Client;
     bool m_bHandshakeDone;
     bool m_bOpen;
@@ -110,19 +141,31 @@ private:
     std::uint64_t m_nLastEventTime;
     std::string m_strLocalURI;
     std::string m_strPeerURI;
+
+protected:
     std::string m_strDescription;
+
+private:
     MessageBuffer m_ReadMessageBuffer;  // reactor thread (caller's thread while opening and closing)
     // Storage of one read: the receive buffer size rounded up to 16n-1 bytes, so that even a
     // size of 0 reads 15 bytes at a time.
+
+protected:
     std::vector<char> m_RecvBuffer;
+
+private:
     // Set once a read found the end of the stream or a failure; the pump of opening and
     // closing then has nothing left to wait for.
     bool m_bInputEnded;
     // Serialises every entry into the engine and every touch of the output ring, writing and
     // draining alike, so that a host thread's send and the reactor's pumping never meet
     // there. Never held while the handler runs.
+
+protected:
     std::mutex m_SendMutex;
     OutputRing m_OutputBuffer;        // GUARDED_BY(m_SendMutex)
+
+private:
     bool m_bOutputOverflow;           // GUARDED_BY(m_SendMutex)
     // Set before the reactor or close() lets go of the socket: from then on send touches
     // neither the engine nor the socket, which may already be closed and its number reused.
