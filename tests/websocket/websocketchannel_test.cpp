@@ -1,19 +1,23 @@
-// The client channel against real WebSocket peers (python3-websockets in a process of its
-// own): data both ways byte for byte, the engine's automatic answers, the ways a handshake
-// fails, and a host thread sending while the reactor pumps.
+// The client channels against real WebSocket peers (python3-websockets in a process of its
+// own, over ws and over wss): data both ways byte for byte, the engine's automatic answers,
+// the ways a handshake fails, and a host thread sending while the reactor pumps.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "expect.h"
 #include "logcapture.h"
 #include "recordinghandler.h"
 #include "sockets.h"
+#include "../tls/tlsmaterial.h"
+#include "tls/socketbio.h"
 #include "websocket/websocketchannel.h"
+#include "websocket/websocketsslchannel.h"
 #include "wspeer.h"
 
 namespace {
@@ -75,7 +79,18 @@ protected:
 
     static Common::SmartPtr<WebSocketChannel> open(const PythonPeer & peer, socketio::socket_options options = {}) {
         int fd = corvane_test::LoopbackConnect(peer.port());
-        Common::SmartPtr<WebSocketChannel> channel(new WebSocketChannel(static_cast<unsigned int>(fd), options));
+        Common::SmartPtr<WebSocketChannel> channel;
+        if (peer.uri().rfind("wss:", 0) == 0) {
+            // The TLS handshake runs first, blocking, as the wss protocol runs it.
+            SSL_CTX * context = SSL_CTX_new(TLS_client_method());
+            SSL * ssl = SSL_new(context);
+            SSL_CTX_free(context);
+            EXPECT_TRUE(ssl::SSL_set_socket(ssl, static_cast<unsigned int>(fd)));
+            EXPECT_EQ(SSL_connect(ssl), 1);
+            channel = new websocket::WebSocketSSLChannel(static_cast<unsigned int>(fd), ssl, nullptr, options);
+        } else {
+            channel = new WebSocketChannel(static_cast<unsigned int>(fd), options);
+        }
         try {
             channel->openLogicalConnection(peer.uri().c_str());
         } catch (...) {
@@ -103,12 +118,26 @@ protected:
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
 };
 
-TEST_F(WebSocketChannelTest, EchoesSixteenMiBInMixedMessagesByteForByte) {
-    PythonPeer peer("echo");
+// The cases that both channels must pass alike: false for ws, true for wss.
+class BothSchemes : public WebSocketChannelTest, public ::testing::WithParamInterface<bool> {
+protected:
+    std::unique_ptr<PythonPeer> peer(const std::string & mode, const std::string & seconds = "0") {
+        if (!GetParam()) {
+            return std::make_unique<PythonPeer>(mode, seconds);
+        }
+        static corvane_test::Material material;
+        return std::make_unique<PythonPeer>(mode, seconds, material.serverCert, material.serverKey);
+    }
+};
+INSTANTIATE_TEST_SUITE_P(, BothSchemes, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool> & param) { return param.param ? "wss" : "ws"; });
+
+TEST_P(BothSchemes, EchoesSixteenMiBInMixedMessagesByteForByte) {
+    std::unique_ptr<PythonPeer> echo = peer("echo");
     const int descriptors = corvane_test::CountOpenDescriptors();
     const std::string data = pattern(16u << 20);
     Common::SmartPtr<MixedSender> handler(new MixedSender(data));
-    Common::SmartPtr<WebSocketChannel> channel = start(peer, handler.get());
+    Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
     ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= data.size(); }, 60000));
     EXPECT_TRUE(handler->received() == data);
     EXPECT_EQ(handler->closes + handler->errors, 0);
@@ -138,28 +167,28 @@ TEST_F(WebSocketChannelTest, HandshakeCarriesTheFixedKeyAndNamesBothEnds) {
     EXPECT_EQ(log.count(kCategory, "INFO", std::string("onWebSocketClose[") + channel->getDescription() + "]()"), 1u);
 }
 
-TEST_F(WebSocketChannelTest, ServerPingIsAnsweredAndTextOrFragmentsArriveAsBinaryOnly) {
-    PythonPeer pinging("ping");
+TEST_P(BothSchemes, ServerPingIsAnsweredAndTextOrFragmentsArriveAsBinaryOnly) {
+    std::unique_ptr<PythonPeer> pinging = peer("ping");
     Common::SmartPtr<corvane_test::RecordingHandler> first(new corvane_test::RecordingHandler);
-    Common::SmartPtr<WebSocketChannel> one = start(pinging, first.get());
+    Common::SmartPtr<WebSocketChannel> one = start(*pinging, first.get());
     ASSERT_TRUE(waitFor([&] { return first->receivedSize() >= 9; }, 15000));
     EXPECT_EQ(first->received(), "pong seen");
     one->close();
 
-    PythonPeer frames("frames");
+    std::unique_ptr<PythonPeer> frames = peer("frames");
     Common::SmartPtr<corvane_test::RecordingHandler> second(new corvane_test::RecordingHandler);
-    Common::SmartPtr<WebSocketChannel> two = start(frames, second.get());
+    Common::SmartPtr<WebSocketChannel> two = start(*frames, second.get());
     ASSERT_TRUE(waitFor([&] { return second->received().find("|end") != std::string::npos; }));
     EXPECT_EQ(second->received(), "fragmented|end");
     two->close();
 }
 
-TEST_F(WebSocketChannelTest, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
+TEST_P(BothSchemes, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
     corvane_test::LogCapture log("INFO");
-    PythonPeer peer("close");
+    std::unique_ptr<PythonPeer> closing = peer("close");
     Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
     handler->queue("hello");
-    Common::SmartPtr<WebSocketChannel> channel = start(peer, handler.get());
+    Common::SmartPtr<WebSocketChannel> channel = start(*closing, handler.get());
     ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
     EXPECT_EQ(handler->received(), "hello");
     EXPECT_EQ(handler->closes.load(), 1);
@@ -168,7 +197,9 @@ TEST_F(WebSocketChannelTest, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
     // After the end a send reports the failed connection and touches nothing.
     EXPECT_EQ(channel->getWriteDataStream()->send(5, "later"), -1);
     channel->close();
-    EXPECT_EQ(log.countContaining(kCategory, "]: got websocket error: "), 1u);
+    EXPECT_EQ(log.countContaining(GetParam() ? "corvane.websocket.WebSocketSSLChannel" : kCategory,
+                                  "]: got websocket error: "),
+              1u);
     EXPECT_EQ(handler->closes.load(), 1);
 }
 
@@ -277,12 +308,12 @@ private:
 
 // The host thread sends while the reactor reads the echo and answers the server's pings:
 // both enter the engine and the output ring, never at the same time.
-TEST_F(WebSocketChannelTest, HostThreadAndReactorExchangeSixtyFourMiB) {
+TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
     corvane_test::LogCapture log("WARN");
-    PythonPeer peer("echo", "0.25");
+    std::unique_ptr<PythonPeer> echo = peer("echo", "0.25");
     const std::uint64_t total = 64u << 20;
     Common::SmartPtr<PatternChecker> handler(new PatternChecker);
-    Common::SmartPtr<WebSocketChannel> channel = start(peer, handler.get());
+    Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
     net::IWriteDataStream * stream = channel->getWriteDataStream();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(180);
     std::thread sender([&] {

@@ -17,7 +17,10 @@ namespace corvane_test {
 
 class PythonPeer {
 public:
-    explicit PythonPeer(const std::string & mode, const std::string & seconds = "0") {
+    // With a certificate and key file the peer serves wss.
+    explicit PythonPeer(const std::string & mode, const std::string & seconds = "0", const std::string & cert = "",
+                        const std::string & key = "")
+        : m_scheme(cert.empty() ? "ws" : "wss") {
         int out[2];
         if (pipe(out) != 0) {
             throw std::runtime_error("pipe");
@@ -28,7 +31,8 @@ public:
         posix_spawn_file_actions_addclose(&actions, out[0]);
         std::string script = CORVANE_WSPEER_SCRIPT;
         char * argv[] = {const_cast<char *>("python3"), &script[0], const_cast<char *>(mode.c_str()),
-                         const_cast<char *>(seconds.c_str()), nullptr};
+                         const_cast<char *>(seconds.c_str()), cert.empty() ? nullptr : const_cast<char *>(cert.c_str()),
+                         const_cast<char *>(key.c_str()), nullptr};
         int failed = posix_spawn(&m_pid, "/usr/bin/python3", &actions, nullptr, argv, environ);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
@@ -60,7 +64,7 @@ public:
 
     unsigned short port() const { return m_port; }
     std::string uri(const std::string & path = "/") const {
-        return "ws://127.0.0.1:" + std::to_string(m_port) + path;
+        return m_scheme + "://127.0.0.1:" + std::to_string(m_port) + path;
     }
 
 private:
@@ -72,6 +76,7 @@ private:
         }
     }
 
+    std::string m_scheme;
     pid_t m_pid = 0;
     unsigned short m_port = 0;
 };

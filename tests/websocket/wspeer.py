@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """WebSocket peers for the channel tests, on 127.0.0.1 with a port the system picks.
 
-Usage: wspeer.py MODE [SECONDS]. Prints the port on one line once it listens and serves
+Usage: wspeer.py MODE [SECONDS [CERT KEY]]. With a certificate and key it serves wss. Prints the port on one line once it listens and serves
 until it is terminated. Modes:
   echo      binary echo of every message (pings every SECONDS when SECONDS > 0)
   headers   sends back "<Sec-WebSocket-Key>|<User-Agent>" of the upgrade request
@@ -16,6 +16,7 @@ until it is terminated. Modes:
 import asyncio
 import os
 import socket
+import ssl
 import threading
 import time
 import sys
@@ -25,6 +26,10 @@ import websockets
 
 MODE = sys.argv[1]
 SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 else 0.0
+TLS = None
+if len(sys.argv) > 4:
+    TLS = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    TLS.load_cert_chain(sys.argv[3], sys.argv[4])
 
 # The answer to the key that a client with the null random generator always sends.
 ACCEPT_OF_ZERO_KEY = "ICX+Yqv66kxgM0FcWaLWlFLwTAI="
@@ -125,7 +130,7 @@ async def main():
         extra = {"process_request": refuse} if MODE == "reject" else {}
         interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
         server = await websockets.serve(handlers[MODE], "127.0.0.1", 0, max_size=None, ping_interval=interval,
-                                        ping_timeout=None, **extra)
+                                        ping_timeout=None, ssl=TLS, **extra)
     else:
         server = await asyncio.start_server({"cut": cut, "silent": silent}[MODE], "127.0.0.1", 0)
     print(server.sockets[0].getsockname()[1], flush=True)
