@@ -203,6 +203,23 @@ TEST_P(BothSchemes, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
     EXPECT_EQ(handler->closes.load(), 1);
 }
 
+// Without close_notify the end of a TLS stream is a failure; a plain stream just ends.
+TEST_P(BothSchemes, PeerThatDropsTheConnectionEndsTheChannel) {
+    std::unique_ptr<PythonPeer> dropping = peer("drop");
+    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+    handler->queue("bye");
+    Common::SmartPtr<WebSocketChannel> channel = start(*dropping, handler.get());
+    ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
+    EXPECT_EQ(handler->received(), "bye");
+    EXPECT_EQ(handler->closes + handler->errors, 1);
+    if (GetParam()) {
+        EXPECT_EQ(handler->errors.load(), 1);
+    }
+    channel->close();
+    channel->close();
+    EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
+}
+
 TEST_F(WebSocketChannelTest, FailedHandshakesThrowWithTheEnginesWordsAndTheReason) {
     PythonPeer refusing("reject");
     EXPECT_EQ(openFailure(refusing), "Invalid HTTP status. : Not Found");

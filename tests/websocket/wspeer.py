@@ -7,6 +7,7 @@ until it is terminated. Modes:
   headers   sends back "<Sec-WebSocket-Key>|<User-Agent>" of the upgrade request
   ping      pings the client, then reports "pong seen" once the pong came back
   close     echoes one message, then starts the close handshake (1000, "bye")
+  drop      echoes one message, then drops the connection (no close frame, no close_notify)
   frames    a text message, a binary message in three fragments, then "|end"
   reject    refuses the upgrade with 404 Not Found
   cut       reads the upgrade request, sends half a status line and closes
@@ -61,6 +62,12 @@ async def ping(ws, path):
 async def close(ws, path):
     await ws.send(await ws.recv())
     await ws.close(1000, "bye")
+
+
+async def drop(ws, path):
+    await ws.send(await ws.recv())
+    await asyncio.sleep(0.2)
+    ws.transport.abort()
 
 
 async def frames(ws, path):
@@ -125,7 +132,8 @@ def flood():
 
 
 async def main():
-    handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "reject": echo}
+    handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
+                "reject": echo}
     if MODE in handlers:
         extra = {"process_request": refuse} if MODE == "reject" else {}
         interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
