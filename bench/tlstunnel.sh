@@ -21,33 +21,17 @@ for program in "$CORVANE" "$TUNNELBENCH"; do
 done
 command -v stunnel4 >/dev/null || { echo "tlstunnel.sh: stunnel4 is missing (scripts/install-deps)" >&2; exit 1; }
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-    rm -rf "$work"
-}
-trap cleanup EXIT
+# shellcheck source=bench/common.sh
+source "$(dirname "$0")/common.sh"
 
-wait_for() {
-    for _ in $(seq 1 250); do "$@" && return 0; sleep 0.02; done
-    echo "tlstunnel.sh: timed out waiting for: $*" >&2
-    return 1
-}
-free_port() {
-    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
-accepting() {
-    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
-}
-# corvane_tunnel NAME LISTEN TARGET [OPTIONS...]: starts a tunnel and prints its port.
+# corvane_tunnel VARIABLE LISTEN TARGET [OPTIONS...]: starts a tunnel (in this shell, so that
+# cleanup knows its PID) and sets VARIABLE to its port.
 corvane_tunnel() {
-    local name=$1; shift
-    "$CORVANE" tunnel "$@" >"$work/$name" &
+    local variable=$1; shift
+    "$CORVANE" tunnel "$@" >"$work/$variable" &
     pids+=($!)
-    wait_for grep -q '^listening on ' "$work/$name"
-    sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/$name"
+    wait_for grep -q '^listening on ' "$work/$variable"
+    printf -v "$variable" '%s' "$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/$variable")"
 }
 
 openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/ca.key" -out "$work/ca.pem" -days 1 -subj "/CN=bench CA" 2>/dev/null
@@ -62,12 +46,12 @@ wait_for test -s "$work/server"
 server_port=$(head -n1 "$work/server")
 
 # corvane: tcp -> ssl -> tcp, and the same pair over plain tcp.
-tls_in=$(corvane_tunnel tls-in ssl://127.0.0.1:0 "tcp://127.0.0.1:$server_port" \
-    --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true")
-corvane_port=$(corvane_tunnel tls-out tcp://127.0.0.1:0 "ssl://localhost:$tls_in" \
-    --target-options "CAFile=$work/ca.pem${CLIENT_TLS:+;$CLIENT_TLS}")
-tcp_in=$(corvane_tunnel tcp-in tcp://127.0.0.1:0 "tcp://127.0.0.1:$server_port")
-tcp_port=$(corvane_tunnel tcp-out tcp://127.0.0.1:0 "tcp://127.0.0.1:$tcp_in")
+corvane_tunnel tls_in ssl://127.0.0.1:0 "tcp://127.0.0.1:$server_port" \
+    --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true"
+corvane_tunnel corvane_port tcp://127.0.0.1:0 "ssl://localhost:$tls_in" \
+    --target-options "CAFile=$work/ca.pem${CLIENT_TLS:+;$CLIENT_TLS}"
+corvane_tunnel tcp_in tcp://127.0.0.1:0 "tcp://127.0.0.1:$server_port"
+corvane_tunnel tcp_port tcp://127.0.0.1:0 "tcp://127.0.0.1:$tcp_in"
 
 # stunnel: the same pair with the same certificates, verifying the server's chain and name.
 stunnel_in=$(free_port)
@@ -90,9 +74,6 @@ for port in "$corvane_port" "$stunnel_port" "$tcp_port"; do
     "$TUNNELBENCH" rate "$port" 0.001 >/dev/null
 done
 
-stats() {
-    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
-}
 
 # measure MODE ARGUMENT LABEL UNIT: each pair in turn, REPEAT times; one figure line.
 measure() {

@@ -18,29 +18,8 @@ for program in "$CORVANE" "$TUNNELBENCH"; do
 done
 command -v socat >/dev/null || { echo "tunnel.sh: socat is missing (scripts/install-deps)" >&2; exit 1; }
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-# wait_for COMMAND...: retries for up to 5 s.
-wait_for() {
-    for _ in $(seq 1 250); do "$@" && return 0; sleep 0.02; done
-    echo "tunnel.sh: timed out waiting for: $*" >&2
-    return 1
-}
-
-# A free loopback port for socat, which does not report the port it picked.
-free_port() {
-    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
-accepting() {
-    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
-}
+# shellcheck source=bench/common.sh
+source "$(dirname "$0")/common.sh"
 
 "$TUNNELBENCH" serve >"$work/server" &
 pids+=($!)
@@ -56,11 +35,6 @@ socat_port=$(free_port)
 socat "TCP-LISTEN:$socat_port,bind=127.0.0.1,fork,reuseaddr" "TCP:127.0.0.1:$server_port" &
 pids+=($!)
 wait_for accepting "$socat_port"
-
-# stats VALUES...: "median min max"
-stats() {
-    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
-}
 
 # measure MODE ARGUMENT: runs each target in turn, REPEAT times, and prints one figure line.
 measure() {

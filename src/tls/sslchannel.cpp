@@ -268,6 +268,9 @@ int SSLChannel::recv(int length, void * buffer) {
         LOG4CXX_DEBUG(logger, "recv: the channel is closed");
         return -1;
     }
+    if (length <= 0) {
+        return 0;
+    }
     char * position = static_cast<char *>(buffer);
     int remaining = length;
     bool wantRead = false;

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -115,6 +116,22 @@ protected:
 private:
     int m_descriptors = 0;
 };
+
+TEST_F(TlsTransport, FactoryRegistersHttpsBeforeSsl) {
+    corvane_test::LogCapture log;
+    Common::SmartPtr<net::IChannelFactory> fresh(new net::ChannelFactory(net::SocketOptions()));
+    std::vector<std::string> order;
+    for (const auto & event : log.events()) {
+        if (event.category == "corvane.net.ChannelFactory" && event.text.rfind("registerTransportProtocol(", 0) == 0) {
+            order.push_back(event.text);
+        }
+    }
+    const auto at = [&](const char * text) { return std::find(order.begin(), order.end(), text) - order.begin(); };
+    EXPECT_LT(at("registerTransportProtocol('tcp')"), at("registerTransportProtocol('https')"));
+    EXPECT_EQ(at("registerTransportProtocol('https')") + 1, at("registerTransportProtocol('ssl')"));
+    EXPECT_LT(at("registerTransportProtocol('ssl')"), static_cast<long>(order.size()));
+    EXPECT_STREQ(fresh->getTransportProtocol("https")->getName(), "https");
+}
 
 TEST_F(TlsTransport, ClientPresentsItsCertificateToAServerThatInsists) {
     OpenSSLServer peer(material().serverCert,

@@ -1,0 +1,30 @@
+# Shared by the benchmark scripts (sourced): a work directory and the PIDs of the servers they
+# start, both cleaned up on exit, and small helpers for ports and figures.
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# wait_for COMMAND...: retries for up to 5 s.
+wait_for() {
+    for _ in $(seq 1 250); do "$@" && return 0; sleep 0.02; done
+    echo "$(basename "$0"): timed out waiting for: $*" >&2
+    return 1
+}
+
+# A free loopback port, for programs that do not report the port they picked.
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+accepting() {
+    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
+}
+
+# stats VALUES...: "median min max"
+stats() {
+    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
+}
