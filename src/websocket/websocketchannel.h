@@ -98,8 +98,8 @@ protected:
 
 private:
     // Any thread. One binary message of at most the ring's free room less 128 bytes (the
-    // room kept for the frame header); 0 when no more fits now. Throws
-    // websocket::InternalException when the socket fails.
+    // room kept for the frame header); 0 when no more fits now; -1 once the channel has
+    // ended. Throws websocket::InternalException when the socket fails.
     int send(int nMaxSize, const void * data) override;
 
     // Engine callbacks: they run inside an engine call, on the thread that made it, with
@@ -123,10 +123,10 @@ private:
     template <typename Done>
     void processUntil(Done done);
 
+    // The fields, in their order; the bottom layer of the TLS twin reaches the socket, the
+    // description, the read storage, the lock and the ring.
 protected:
     unsigned int m_hSocket;
-
-private:
     Client m_Client;
     bool m_bHandshakeDone;
     bool m_bOpen;
@@ -141,35 +141,23 @@ private:
     std::uint64_t m_nLastEventTime;
     std::string m_strLocalURI;
     std::string m_strPeerURI;
-
-protected:
     std::string m_strDescription;
-
-private:
     MessageBuffer m_ReadMessageBuffer;  // reactor thread (caller's thread while opening and closing)
     // Storage of one read: the receive buffer size rounded up to 16n-1 bytes, so that even a
     // size of 0 reads 15 bytes at a time.
-
-protected:
     std::vector<char> m_RecvBuffer;
-
-private:
     // Set once a read found the end of the stream or a failure; the pump of opening and
     // closing then has nothing left to wait for.
     bool m_bInputEnded;
     // Serialises every entry into the engine and every touch of the output ring, writing and
-    // draining alike, so that a host thread's send and the reactor's pumping never meet
-    // there. Never held while the handler runs.
-
-protected:
+    // draining alike (and in the TLS twin every OpenSSL call), so that a host thread's send
+    // and the reactor's pumping never meet there. Never held while the handler runs.
     std::mutex m_SendMutex;
-    OutputRing m_OutputBuffer;        // GUARDED_BY(m_SendMutex)
-
-private:
-    bool m_bOutputOverflow;           // GUARDED_BY(m_SendMutex)
+    OutputRing m_OutputBuffer;  // GUARDED_BY(m_SendMutex)
+    bool m_bOutputOverflow;     // GUARDED_BY(m_SendMutex)
     // Set before the reactor or close() lets go of the socket: from then on send touches
     // neither the engine nor the socket, which may already be closed and its number reused.
-    bool m_bEnded;                    // GUARDED_BY(m_SendMutex)
+    bool m_bEnded;  // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
 };
 
