@@ -1,0 +1,53 @@
+#include "websocket/messagebuffer.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace websocket {
+
+void MessageBuffer::addMessage(std::string message) {
+    m_nSize += static_cast<std::uint32_t>(message.size());
+    m_Messages.push_back(std::move(message));
+}
+
+int MessageBuffer::recv(int length, void * buffer) {
+    if (length <= 0) {
+        return 0;
+    }
+    auto * position = static_cast<char *>(buffer);
+    std::size_t remaining = static_cast<std::size_t>(length);
+    while (!m_Messages.empty()) {
+        std::string & message = m_Messages.front();
+        const std::size_t count = std::min(message.size(), remaining);
+        std::memcpy(position, message.data(), count);
+        position += count;
+        remaining -= count;
+        if (count < message.size()) {
+            message.erase(0, count);
+            break;
+        }
+        m_Messages.erase(m_Messages.begin());
+        if (remaining == 0) {
+            break;
+        }
+    }
+    const std::size_t delivered = static_cast<std::size_t>(length) - remaining;
+    m_nSize -= static_cast<std::uint32_t>(delivered);
+    return static_cast<int>(delivered);
+}
+
+bool MessageBuffer::deliverTo(net::IChannelHandler * handler) {
+    if (empty()) {
+        return true;
+    }
+    for (;;) {
+        const std::uint32_t before = m_nSize;
+        handler->onRead(this);
+        if (empty() || m_nSize >= before) {
+            break;
+        }
+    }
+    return empty();
+}
+
+}  // namespace websocket

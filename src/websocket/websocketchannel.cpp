@@ -1,0 +1,493 @@
+#include "websocket/websocketchannel.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+
+#include "common/logging.h"
+#include "socketio/socketexception.h"
+#include "socketio/socketfunctions.h"
+#include "websocket/internalexception.h"
+
+namespace websocket {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.websocket.WebSocketChannel");
+const log4cxx::LoggerPtr accessLogger = Common::GetLogger(kEngineAccessCategory);
+const log4cxx::LoggerPtr errorLogger = Common::GetLogger(kEngineErrorCategory);
+
+// Room kept free in the output ring for the header of the next frame.
+constexpr std::int64_t kFrameHeaderReserve = 128;
+constexpr int kProcessLoopWaitMilliseconds = 1000;
+constexpr const char * kOverflowText = "WebSocketSSLChannel::onWebSocketWrite: Buffer overflow";
+
+int handleSocketSendError(int nSent) {
+    const int error = errno;
+    if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) {
+        LOG4CXX_TRACE(logger, "socket_send: ==> WOULDBLOCK ");
+        return nSent;
+    }
+    LOG4CXX_ERROR(logger, "socket_send: failed with error code '" << error << "' : " << socketio::SystemErrorText(error));
+    return -1;
+}
+
+// Drains the ring into the socket, piece by piece, until it is empty or the socket is full.
+// The bytes sent, or -1 when the socket failed.
+int socket_send(unsigned int hSocket, OutputRing & buffer) {
+    LOG4CXX_TRACE(logger, "socket_send( hSocket, buffer = " << buffer.toString());
+    int total = 0;
+    while (buffer.readAvailable() > 0) {
+        const char * piece = buffer.readPointer();
+        const std::int64_t length = buffer.readPieceLength();
+        LOG4CXX_TRACE(logger, "send( hSocket, data=" << static_cast<const void *>(piece) << ", size=" << length
+                                                     << " ) [buffer=" << buffer.toString());
+        // MSG_NOSIGNAL: a peer that has gone must never kill the host with SIGPIPE.
+        const ssize_t sent =
+            ::send(static_cast<int>(hSocket), piece, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+        if (sent == 0) {
+            return total;
+        }
+        if (sent < 0) {
+            return handleSocketSendError(total);
+        }
+        buffer.consume(sent);
+        total += static_cast<int>(sent);
+    }
+    return total;
+}
+}  // namespace
+
+WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options)
+    : WebSocketChannel(hSocket, options, logger) {}
+
+WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_options & options,
+                                   const log4cxx::LoggerPtr & classLogger)
+    : m_log(classLogger),
+      m_hSocket(hSocket),
+      m_bHandshakeDone(false),
+      m_bOpen(false),
+      m_pReadInterest(nullptr),
+      m_nLastEventTime(0),
+      m_RecvBuffer(static_cast<std::size_t>(std::max(0, options.receiveBufferSize)) | 15u),
+      m_bInputEnded(false),
+      m_OutputBuffer(static_cast<std::int64_t>(options.receiveBufferSize)),
+      m_bOutputOverflow(false),
+      m_bEnded(false) {
+    LOG4CXX_TRACE(m_log, "ctor");
+    LOG4CXX_INFO(m_log, "initializing using rcvBuf=" << options.receiveBufferSize
+                                                      << " and sndBuf=" << options.sendBufferSize);
+    m_Client.get_alog().setLogger(accessLogger);
+    m_Client.get_elog().setLogger(errorLogger);
+    using std::placeholders::_1;
+    using std::placeholders::_2;
+    using std::placeholders::_3;
+    m_Client.set_close_handler(std::bind(&WebSocketChannel::onWebSocketClose, this, _1));
+    m_Client.set_message_handler(std::bind(&WebSocketChannel::onWebSocketMessage, this, _1, _2));
+    m_Client.set_write_handler(std::bind(&WebSocketChannel::onWebSocketWrite, this, _1, _2, _3));
+    m_Client.set_open_handler(std::bind(&WebSocketChannel::onWebSocketOpen, this, _1));
+    m_Client.set_fail_handler(std::bind(&WebSocketChannel::onWebSocketFail, this, _1));
+    m_Client.set_ping_handler(std::bind(&WebSocketChannel::onWebSocketPing, this, _1, _2));
+}
+
+WebSocketChannel::~WebSocketChannel() {
+    LOG4CXX_TRACE(m_log, "dtor");
+    // A connection still waiting for input holds itself alive through that wait.
+    endEngineInput();
+}
+
+void WebSocketChannel::openLogicalConnection(const char * szURI) {
+    LOG4CXX_TRACE(m_log, "openLogicalConnection( szURI = " << szURI << " )");
+    const int fd = static_cast<int>(m_hSocket);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    prepareTransport();
+    try {
+        {
+            std::lock_guard<std::mutex> guard(m_SendMutex);
+            m_Client.set_secure(secure());
+            std::error_code ec;
+            m_Connection = m_Client.get_connection(szURI, ec);
+            if (ec) {
+                throw InternalException(("unable to connect:" + ec.message()).c_str());
+            }
+            m_bHandshakeDone = false;
+            m_Client.connect(m_Connection);
+            if (m_bOutputOverflow) {
+                throw InternalException(kOverflowText);
+            }
+            ec = m_Connection->get_ec();
+            if (ec) {
+                throw InternalException(("unable to connect:" + ec.message()).c_str());
+            }
+        }
+        processUntil([this] { return m_bHandshakeDone; });
+        if (!m_bOpen) {
+            std::string text;
+            {
+                std::lock_guard<std::mutex> guard(m_SendMutex);
+                text = m_Connection->get_ec().message();
+            }
+            if (!m_strHandshakeError.empty()) {
+                text += " : " + m_strHandshakeError;
+            }
+            throw InternalException(text.c_str());
+        }
+    } catch (const websocketpp::exception & e) {
+        throw InternalException(e.what());
+    }
+    net::URI local = socketio::SocketLocalURI(m_hSocket, true, "tcp");
+    local.setScheme(secure() ? "wss" : "ws");
+    m_strLocalURI = local.ToString();
+    m_strPeerURI = net::URI::FromString(szURI).ToString();
+    m_strDescription = m_strLocalURI + " <-> " + m_strPeerURI;
+}
+
+template <typename Done>
+void WebSocketChannel::processUntil(Done done) {
+    LOG4CXX_TRACE(m_log, "enter websocketProcessLoop()");
+    // poll, not select: descriptors above 1023 are as good as any other.
+    while (!done() && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+        const bool writing = outputWaiting();
+        pollfd entry{static_cast<int>(m_hSocket), static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
+        if (poll(&entry, 1, kProcessLoopWaitMilliseconds) <= 0) {
+            continue;
+        }
+        if (writing && (entry.revents & (POLLOUT | POLLERR | POLLHUP)) != 0) {
+            writeToHandlerAndFlush();
+        }
+        if ((entry.revents & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0) {
+            readDataFromSocketToWebSocket();
+        }
+    }
+    LOG4CXX_TRACE(m_log, "leave websocketProcessLoop()");
+}
+
+bool WebSocketChannel::outputWaiting() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    return m_OutputBuffer.readAvailable() > 0;
+}
+
+void WebSocketChannel::endEngineInput() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection) {
+        return;
+    }
+    try {
+        m_Connection->eof();
+    } catch (const websocketpp::exception & e) {
+        LOG4CXX_DEBUG(m_log, "endEngineInput[" << m_strDescription << "]: " << e.what());
+    }
+}
+
+bool WebSocketChannel::readDataFromSocketToWebSocket() {
+    Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
+    const ssize_t n = ::recv(static_cast<int>(m_hSocket), m_RecvBuffer.data(), m_RecvBuffer.size(), 0);
+    LOG4CXX_TRACE(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: recv( socket = " << m_hSocket
+                                                          << ", buf = " << static_cast<const void *>(m_RecvBuffer.data())
+                                                          << ", len = " << m_RecvBuffer.size() << ", flags = 0 ) -> "
+                                                          << n << " bytes");
+    if (n <= 0) {
+        endInput();
+        if (handler) {
+            if (n == 0) {
+                handler->onClose();
+            } else {
+                handler->onError();
+            }
+        }
+        return false;
+    }
+    return feedEngine(static_cast<std::size_t>(n), handler.get());
+}
+
+void WebSocketChannel::endInput() {
+    m_bInputEnded = true;
+    endEngineInput();
+}
+
+bool WebSocketChannel::feedEngine(std::size_t n, net::IChannelHandler * handler) {
+    try {
+        std::size_t consumed;
+        bool overflow;
+        {
+            std::lock_guard<std::mutex> guard(m_SendMutex);
+            consumed = m_Connection->read_all(m_RecvBuffer.data(), n);
+            overflow = m_bOutputOverflow;
+        }
+        if (overflow) {
+            // An automatic reply (pong, close) found no room: the channel cannot keep its word
+            // to the peer, so it ends, and the handler hears of it.
+            LOG4CXX_ERROR(m_log, "readDataFromSocketToWebSocket[" << m_strDescription
+                                                                  << "]: reply of the engine does not fit the output buffer, "
+                                                                  << kOverflowText);
+            endInput();
+            if (handler != nullptr) {
+                handler->onError();
+            }
+            return false;
+        }
+        if (consumed < n) {
+            LOG4CXX_WARN(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: processed " << consumed
+                                                                 << " bytes while " << n << " bytes received");
+            return false;
+        }
+        if (handler == nullptr) {
+            // A channel that receives data needs a handler.
+            return false;
+        }
+        m_ReadMessageBuffer.deliverTo(handler);
+        return true;
+    } catch (const websocketpp::exception & e) {
+        LOG4CXX_WARN(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: exception caught: " << e.what());
+        return false;
+    }
+}
+
+int WebSocketChannel::sendOutput_i() {
+    return socket_send(m_hSocket, m_OutputBuffer);
+}
+
+bool WebSocketChannel::flushWriteToSocket() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    return flushWriteToSocket_i();
+}
+
+bool WebSocketChannel::flushWriteToSocket_i() {
+    if (m_OutputBuffer.readAvailable() == 0) {
+        return true;
+    }
+    const int n = sendOutput_i();
+    LOG4CXX_TRACE(m_log, "flushWriteToSocket[" << m_strDescription << "]: " << senderName() << "() -> " << n << " bytes");
+    if (n < 0) {
+        LOG4CXX_ERROR(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        return false;
+    }
+    return true;
+}
+
+void WebSocketChannel::writeToHandlerAndFlush() {
+    Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
+    if (handler && handler->hasPendingWrite()) {
+        handler->onWrite(this);
+    }
+    flushWriteToSocket();
+}
+
+int WebSocketChannel::send(int nMaxSize, const void * data) {
+    LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection || m_bEnded) {
+        // Never opened, or the reactor or close() has let go of the socket: the connection
+        // has failed as far as the sender is concerned, and a sender waiting for room would
+        // otherwise wait for ever.
+        return -1;
+    }
+    const std::int64_t writable = m_OutputBuffer.writeAvailable();
+    if (writable <= kFrameHeaderReserve || nMaxSize < 0) {
+        return 0;
+    }
+    const auto n = static_cast<unsigned int>(
+        std::min<std::int64_t>(static_cast<unsigned int>(nMaxSize), writable - kFrameHeaderReserve));
+    const bool wasEmpty = m_OutputBuffer.readAvailable() == 0;
+    try {
+        // The engine's refusal (a connection no longer open) is not reported: the count is.
+        std::error_code ignored = m_Connection->send(data, n, websocketpp::frame::opcode::binary);
+        (void)ignored;
+    } catch (const websocketpp::exception & e) {
+        throw InternalException(e.what());
+    }
+    if (m_bOutputOverflow) {
+        throw InternalException(kOverflowText);
+    }
+    // A busy sender leaves the drain to the reactor: one system call per cycle, not per message.
+    if (wasEmpty && !flushWriteToSocket_i()) {
+        throw InternalException("flushWriteToSocket failed");
+    }
+    return static_cast<int>(n);
+}
+
+std::error_code WebSocketChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
+    LOG4CXX_TRACE(m_log, "onWebSocketWrite[" << m_strDescription << "]( hdl = ..., data = "
+                                              << static_cast<const void *>(data) << ", maxSize = " << size
+                                              << "), m_OutputBuffer=" << m_OutputBuffer.toString());
+    if (!m_bOutputOverflow) {
+        const auto length = static_cast<std::int64_t>(size);
+        if (m_OutputBuffer.write(data, length) == length) {
+            return std::error_code();
+        }
+        m_bOutputOverflow = true;
+    }
+    // Not an exception: it would unwind through the engine. The engine ends the connection on
+    // a failed write, and the caller of the engine reports the overflow.
+    return websocketpp::transport::iostream::error::make_error_code(websocketpp::transport::iostream::error::general);
+}
+
+void WebSocketChannel::onWebSocketClose(std::weak_ptr<void>) {
+    LOG4CXX_INFO(m_log, "onWebSocketClose[" << m_strDescription << "]()");
+    m_bOpen = false;
+}
+
+void WebSocketChannel::onWebSocketOpen(std::weak_ptr<void>) {
+    LOG4CXX_INFO(m_log, "onWebSocketOpen[" << m_strDescription << "]()");
+    m_bHandshakeDone = true;
+    m_bOpen = true;
+}
+
+void WebSocketChannel::onWebSocketFail(std::weak_ptr<void>) {
+    LOG4CXX_INFO(m_log, "onWebSocketFail[" << m_strDescription << "]()");
+    m_strHandshakeError = m_Connection->get_response_msg();
+    m_bHandshakeDone = true;
+    m_bOpen = false;
+}
+
+void WebSocketChannel::onWebSocketMessage(std::weak_ptr<void>, Client::message_ptr message) {
+    try {
+        LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription << "]( hdl = ..., msg = "
+                                                    << static_cast<const void *>(message.get()));
+        // Text and any other opcode are dropped: the channel is a binary byte stream.
+        if (message->get_opcode() == websocketpp::frame::opcode::binary) {
+            m_ReadMessageBuffer.addMessage(std::move(message->get_raw_payload()));
+            LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription
+                                                        << "]: m_ReadMessageBuffer.size = " << m_ReadMessageBuffer.size());
+        }
+    } catch (const std::exception & e) {
+        LOG4CXX_INFO(m_log, "exception caught during onWebSocketMessage: " << e.what());
+    } catch (...) {
+        LOG4CXX_INFO(m_log, "unknown exception caught during onWebSocketMessage");
+    }
+}
+
+bool WebSocketChannel::onWebSocketPing(std::weak_ptr<void>, std::string payload) {
+    LOG4CXX_DEBUG(m_log, "onWebSocketPing[" << m_strDescription << "]( hdl = ..., payload = " << payload << " )");
+    return true;
+}
+
+void WebSocketChannel::setChannelHandler(net::IChannelHandler * handler) {
+    LOG4CXX_TRACE(m_log, "setChannelHandler[" << m_strDescription << "]( " << static_cast<void *>(handler) << " )");
+    m_ChannelHandler = handler;
+    m_pReadInterest = dynamic_cast<socketio::IReadInterest *>(handler);
+}
+
+void WebSocketChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
+    LOG4CXX_TRACE(m_log, "setReactor[" << m_strDescription << "](" << static_cast<void *>(reactor) << ", " << now << ")");
+    m_Reactor = reactor;
+    if (reactor != nullptr && !m_homeReactor) {
+        m_homeReactor = reactor;
+    }
+    m_nLastEventTime = now;
+}
+
+short WebSocketChannel::getEventMask() noexcept {
+    short mask = 0;
+    if (!m_ReadMessageBuffer.empty()) {
+        // Messages wait for the handler: the socket is not read meanwhile, which is the
+        // channel's flow control towards the peer.
+        mask = socketio::SELECT_EVENT_PENDING;
+    } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
+        mask = socketio::SELECT_EVENT_READ;
+        if (inputPending()) {
+            mask |= socketio::SELECT_EVENT_PENDING;
+        }
+    }
+    if (outputWaiting() || (m_ChannelHandler && m_ChannelHandler->hasPendingWrite())) {
+        mask |= socketio::SELECT_EVENT_WRITE;
+    }
+    return mask;
+}
+
+bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
+    m_nLastEventTime = now;
+    if (!dispatch(events)) {
+        markEnded();
+        return false;
+    }
+    return true;
+}
+
+void WebSocketChannel::markEnded() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    m_bEnded = true;
+}
+
+bool WebSocketChannel::dispatch(short events) {
+    Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
+    if (handler && ((events & socketio::SELECT_EVENT_PENDING) != 0 || !m_ReadMessageBuffer.empty())) {
+        m_ReadMessageBuffer.deliverTo(handler.get());
+    }
+    const bool readable = (events & socketio::SELECT_EVENT_READ) != 0 ||
+                          ((events & socketio::SELECT_EVENT_PENDING) != 0 && inputPending());
+    if (m_ReadMessageBuffer.empty() && readable) {
+        if (!readDataFromSocketToWebSocket()) {
+            return false;
+        }
+        bool closing;
+        {
+            std::lock_guard<std::mutex> guard(m_SendMutex);
+            closing = m_Connection->get_state() == websocketpp::session::state::closing;
+        }
+        if (closing) {
+            LOG4CXX_TRACE(m_log, "onEvents[" << m_strDescription << "]: state is closing");
+            writeToHandlerAndFlush();
+        }
+    }
+    if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
+        if (handler && handler->hasPendingWrite()) {
+            handler->onWrite(this);
+        }
+        if (!flushWriteToSocket()) {
+            endEngineInput();
+            return false;
+        }
+    }
+    return true;
+}
+
+void WebSocketChannel::close() {
+    LOG4CXX_INFO(m_log, "close[" << m_strDescription << "]()");
+    Common::SmartPtr<socketio::SelectReactor> registeredWith;
+    {
+        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+        registeredWith = std::move(m_Reactor);
+    }
+    if (registeredWith) {
+        registeredWith->unregisterSubscriber(this);
+        registeredWith = nullptr;
+    }
+    m_ChannelHandler = nullptr;
+    m_pReadInterest = nullptr;
+    if (m_Connection) {
+        try {
+            bool overflow;
+            {
+                std::lock_guard<std::mutex> guard(m_SendMutex);
+                m_Connection->close(websocketpp::close::status::normal, "close");
+                overflow = m_bOutputOverflow;
+            }
+            if (overflow) {
+                // The close frame found no room: the socket is closed all the same, so that
+                // the owner is not left with a socket that nobody will close.
+                LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: " << kOverflowText);
+            } else {
+                processUntil([this] { return !m_bOpen; });
+            }
+        } catch (const websocketpp::exception & e) {
+            LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: got websocket error: " << e.what());
+        }
+        endEngineInput();
+    }
+    markEnded();
+    {
+        std::lock_guard<std::mutex> guard(m_SendMutex);
+        releaseTransport_i();
+    }
+    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+    if (m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+        socketio::SocketClose(m_hSocket);
+        m_hSocket = socketio::INVALID_SOCKET_HANDLE;
+    }
+}
+
+}  // namespace websocket

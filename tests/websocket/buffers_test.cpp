@@ -1,0 +1,205 @@
+// The output ring, the message queue and the engine's log streams, driven in memory: one byte
+// at a time, across the wrap point, against a full ring, and with a reader that stops at the
+// Nth byte, for every N.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+
+#include "logcapture.h"
+#include "websocket/logoutputstream.h"
+#include "websocket/messagebuffer.h"
+#include "websocket/ringbuf.h"
+
+namespace {
+
+using Ring = tools::basic_ringbuf<char, std::char_traits<char>>;
+
+// What a drain does with the ring: the contiguous pieces, at most `limit` bytes in all
+// (a socket that would block after that).
+std::string drain(Ring & ring, std::int64_t limit) {
+    std::string out;
+    while (ring.readAvailable() > 0 && limit > 0) {
+        std::int64_t piece = std::min(ring.readPieceLength(), limit);
+        out.append(ring.readPointer(), static_cast<std::size_t>(piece));
+        ring.consume(piece);
+        limit -= piece;
+    }
+    return out;
+}
+
+std::string pattern(std::size_t length, unsigned seed) {
+    std::string data(length, '\0');
+    for (std::size_t i = 0; i < length; ++i) {
+        data[i] = static_cast<char>((i * 31 + seed * 7) & 0xff);
+    }
+    return data;
+}
+
+TEST(RingBuffer, FullRingRefusesAndPartialRoomIsFilled) {
+    Ring ring(8);
+    EXPECT_EQ(ring.write("abcdefgh", 8), 8);
+    EXPECT_EQ(ring.writeAvailable(), 0);
+    EXPECT_EQ(ring.readAvailable(), 8);
+    EXPECT_EQ(ring.readPointer(), ring.readPointer());
+    EXPECT_EQ(ring.write("x", 1), 0);
+    EXPECT_EQ(ring.toString(), "{ readAvailable=8, writeAvailable=0, size=8 }");
+    EXPECT_EQ(drain(ring, 3), "abc");
+    EXPECT_EQ(ring.write("12345", 5), 3);
+    EXPECT_EQ(drain(ring, 100), "defgh123");
+    EXPECT_EQ(ring.readAvailable(), 0);
+}
+
+TEST(RingBuffer, WithoutCapacityOrWithNegativeCountNothingIsWritten) {
+    for (std::int64_t size : {0, -5}) {
+        Ring ring(size);
+        EXPECT_EQ(ring.write("abc", 3), 0);
+        EXPECT_EQ(ring.writeAvailable(), 0);
+        EXPECT_EQ(ring.size(), size);
+    }
+    Ring ring(4);
+    EXPECT_EQ(ring.write("abc", -1), 0);
+    EXPECT_EQ(ring.writeAvailable(), 4);
+}
+
+TEST(RingBuffer, WriteThatEndsAtTheEndWrapsTheWriteSide) {
+    Ring ring(6);
+    ring.write("abcd", 4);
+    drain(ring, 4);
+    // Two bytes up to the end: the write side wraps, the next write starts at the front.
+    EXPECT_EQ(ring.write("ef", 2), 2);
+    EXPECT_EQ(ring.write("ghij", 4), 4);
+    EXPECT_EQ(ring.readPieceLength(), 2);
+    EXPECT_EQ(drain(ring, 100), "efghij");
+}
+
+// Writes of every size from 1 to 2*capacity against drains that take at most N bytes, for
+// every N: the bytes come out complete and in order, whatever the wrap points.
+TEST(RingBuffer, StreamSurvivesEveryWriteAndDrainSize) {
+    const std::string input = pattern(4000, 3);
+    for (std::int64_t limit = 1; limit <= 17; ++limit) {
+        Ring ring(13);
+        std::string output;
+        std::size_t written = 0;
+        std::size_t step = 0;
+        while (output.size() < input.size()) {
+            std::int64_t chunk = static_cast<std::int64_t>(step++ % 26 + 1);
+            chunk = std::min<std::int64_t>(chunk, static_cast<std::int64_t>(input.size() - written));
+            written += static_cast<std::size_t>(ring.write(input.data() + written, chunk));
+            ASSERT_GE(ring.writeAvailable(), 0);
+            ASSERT_LE(ring.readAvailable(), 13);
+            output += drain(ring, limit);
+        }
+        EXPECT_EQ(output, input) << "drain limit " << limit;
+    }
+}
+
+TEST(MessageBuffer, ReadCrossesMessageBoundaries) {
+    websocket::MessageBuffer buffer;
+    buffer.addMessage("12345");
+    buffer.addMessage("abcdefg");
+    char out[16] = {};
+    EXPECT_EQ(buffer.recv(0, out), 0);
+    EXPECT_EQ(buffer.size(), 12u);
+    EXPECT_EQ(buffer.recv(8, out), 8);
+    EXPECT_EQ(std::string(out, 8), "12345abc");
+    EXPECT_EQ(buffer.size(), 4u);
+    EXPECT_EQ(buffer.recv(16, out), 4);
+    EXPECT_EQ(std::string(out, 4), "defg");
+    EXPECT_TRUE(buffer.empty());
+    EXPECT_EQ(buffer.recv(16, out), 0);
+    // An empty message is queued, and dropped without a byte.
+    buffer.addMessage("");
+    EXPECT_FALSE(buffer.empty());
+    EXPECT_EQ(buffer.recv(4, out), 0);
+    EXPECT_TRUE(buffer.empty());
+}
+
+class ChunkReader : public net::IChannelHandler {
+public:
+    explicit ChunkReader(int chunk, int stopAfter = -1) : m_chunk(chunk), m_stopAfter(stopAfter) {}
+    bool hasPendingWrite() override { return false; }
+    void onRead(net::IReadDataStream * stream) override {
+        ++calls;
+        if (m_stopAfter >= 0 && calls > m_stopAfter) {
+            return;
+        }
+        char buffer[64];
+        int n = stream->recv(m_chunk, buffer);
+        if (n > 0) {
+            received.append(buffer, static_cast<std::size_t>(n));
+        }
+    }
+    void onWrite(net::IWriteDataStream *) override {}
+    void onClose() override {}
+    int calls = 0;
+    std::string received;
+
+private:
+    int m_chunk;
+    int m_stopAfter;
+};
+
+TEST(MessageBuffer, DeliverToRunsUntilTheHandlerStopsTaking) {
+    const std::string a = pattern(23, 1), b = pattern(9, 2), c = pattern(31, 5);
+    for (int chunk = 1; chunk <= 40; ++chunk) {
+        websocket::MessageBuffer buffer;
+        buffer.addMessage(a);
+        buffer.addMessage(b);
+        buffer.addMessage(c);
+        Common::SmartPtr<ChunkReader> reader(new ChunkReader(chunk));
+        EXPECT_TRUE(buffer.deliverTo(reader.get()));
+        EXPECT_EQ(reader->received, a + b + c) << "chunk " << chunk;
+        EXPECT_EQ(buffer.size(), 0u);
+    }
+    // A reader that stops after N calls leaves the rest queued, byte-exact, for every N.
+    for (int stop = 0; stop < 10; ++stop) {  // 10 reads of 5 bytes would take all 54
+        websocket::MessageBuffer buffer;
+        buffer.addMessage(a);
+        buffer.addMessage(c);
+        Common::SmartPtr<ChunkReader> reader(new ChunkReader(5, stop));
+        EXPECT_FALSE(buffer.deliverTo(reader.get()));
+        EXPECT_EQ(reader->calls, stop + 1);
+        std::string rest(buffer.size(), '\0');
+        EXPECT_EQ(buffer.recv(static_cast<int>(rest.size()), &rest[0]), static_cast<int>(rest.size()));
+        EXPECT_EQ(reader->received + rest, a + c);
+    }
+}
+
+TEST(EngineLogs, ChannelsMapToLevelsAndNames) {
+    corvane_test::LogCapture log;
+    websocket::AccessLogger<websocketpp::log::alevel> access;
+    websocket::ErrorLogger<websocketpp::log::elevel> error;
+    access.write(1, "silent until a logger is given");
+    access.setLogger(log4cxx::Logger::getLogger("com.ventrel.websocketpp.access"));
+    error.setLogger(log4cxx::Logger::getLogger("com.ventrel.websocketpp.error"));
+    const std::string a = "com.ventrel.websocketpp.access", e = "com.ventrel.websocketpp.error";
+
+    access.write(1, "c");
+    access.write(2, std::string("d"));
+    access.write(3, "both");
+    access.write(4096, "h");
+    access.write(8192, "f");
+    access.write(4, "control is dropped");
+    access.write(1024, "devel is dropped");
+    EXPECT_FALSE(access.static_test(16));
+    EXPECT_TRUE(access.dynamic_test(4096));
+    error.write(1, "devel is dropped");
+    error.write(2, "l");
+    error.write(8, "w");
+    error.write(32, "x");
+    error.write(64, "u");
+
+    EXPECT_EQ(log.count(a, "INFO", "[connect] c"), 1u);
+    EXPECT_EQ(log.count(a, "INFO", "[disconnect] d"), 1u);
+    EXPECT_EQ(log.count(a, "TRACE", "[unknown] both"), 1u);
+    EXPECT_EQ(log.count(a, "TRACE", "[http] h"), 1u);
+    EXPECT_EQ(log.count(a, "TRACE", "[fail] f"), 1u);
+    EXPECT_EQ(log.count(e, "TRACE", "[library] l"), 1u);
+    EXPECT_EQ(log.count(e, "WARN", "[warning] w"), 1u);
+    EXPECT_EQ(log.count(e, "ERROR", "[fatal] x"), 1u);
+    EXPECT_EQ(log.count(e, "TRACE", "[unknown] u"), 1u);
+    EXPECT_EQ(log.events().size(), 9u);
+}
+
+}  // namespace

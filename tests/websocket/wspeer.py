@@ -1,0 +1,161 @@
+#!/usr/bin/python3
+"""WebSocket peers for the channel tests, on 127.0.0.1 with a port the system picks.
+
+Usage: wspeer.py MODE [SECONDS [CERT KEY]]. With a certificate and key it serves wss. Prints the port on one line once it listens and serves
+until it is terminated. Modes:
+  echo      binary echo of every message (pings every SECONDS when SECONDS > 0)
+  headers   sends back "<Sec-WebSocket-Key>|<User-Agent>" of the upgrade request
+  ping      pings the client, then reports "pong seen" once the pong came back
+  close     echoes one message, then starts the close handshake (1000, "bye")
+  drop      echoes one message, then drops the connection (no close frame, no close_notify)
+  frames    a text message, a binary message in three fragments, then "|end"
+  reject    refuses the upgrade with 404 Not Found
+  cut       reads the upgrade request, sends half a status line and closes
+  silent    reads the upgrade request, never answers, closes after SECONDS
+  flood     answers the upgrade by hand, then sends 125-byte pings without reading
+"""
+import asyncio
+import os
+import socket
+import ssl
+import threading
+import time
+import sys
+from http import HTTPStatus
+
+import websockets
+
+MODE = sys.argv[1]
+SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 else 0.0
+TLS = None
+if len(sys.argv) > 4:
+    TLS = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    TLS.load_cert_chain(sys.argv[3], sys.argv[4])
+
+# The answer to the key that a client with the null random generator always sends.
+ACCEPT_OF_ZERO_KEY = "ICX+Yqv66kxgM0FcWaLWlFLwTAI="
+
+
+async def drain(ws):
+    async for _ in ws:
+        pass
+
+
+async def echo(ws, path):
+    async for message in ws:
+        await ws.send(message)
+
+
+async def headers(ws, path):
+    text = ws.request_headers["Sec-WebSocket-Key"] + "|" + ws.request_headers["User-Agent"]
+    await ws.send(text.encode())
+    await drain(ws)
+
+
+async def ping(ws, path):
+    pong = await ws.ping(b"are you there")
+    await asyncio.wait_for(pong, 10)
+    await ws.send(b"pong seen")
+    await drain(ws)
+
+
+async def close(ws, path):
+    await ws.send(await ws.recv())
+    await ws.close(1000, "bye")
+
+
+async def drop(ws, path):
+    await ws.send(await ws.recv())
+    await asyncio.sleep(0.2)
+    ws.transport.abort()
+
+
+async def frames(ws, path):
+    await ws.send("text is dropped")
+    await ws.send([b"frag", b"men", b"ted"])
+    await ws.send(b"|end")
+    await drain(ws)
+
+
+def refuse(path, request_headers):
+    return HTTPStatus.NOT_FOUND, [], b"nope\n"
+
+
+async def read_request(reader):
+    await reader.readuntil(b"\r\n\r\n")
+
+
+async def cut(reader, writer):
+    await read_request(reader)
+    writer.write(b"HTTP/1.1 10")
+    await writer.drain()
+    writer.close()
+
+
+async def silent(reader, writer):
+    await read_request(reader)
+    await asyncio.sleep(SECONDS)
+    writer.close()
+
+
+def flood_connection(conn):
+    conn.settimeout(30)
+    request = b""
+    while b"\r\n\r\n" not in request:
+        chunk = conn.recv(4096)
+        if not chunk:
+            return
+        request += chunk
+    conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                  "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+    frame = bytes([0x89, 125]) + b"p" * 125
+    # Time for the client to reach the reactor before the flood ends it.
+    time.sleep(0.5)
+    try:
+        for _ in range(20000):
+            conn.sendall(frame)
+    except OSError:
+        pass
+
+
+def flood():
+    listener = socket.socket()
+    # Small buffers on both sides, so that the client's pongs back up quickly.
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(4)
+    print(listener.getsockname()[1], flush=True)
+    while True:
+        conn, _ = listener.accept()
+        flood_connection(conn)
+        conn.close()
+
+
+async def main():
+    handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
+                "reject": echo}
+    if MODE in handlers:
+        extra = {"process_request": refuse} if MODE == "reject" else {}
+        interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
+        server = await websockets.serve(handlers[MODE], "127.0.0.1", 0, max_size=None, ping_interval=interval,
+                                        ping_timeout=None, ssl=TLS, **extra)
+    else:
+        server = await asyncio.start_server({"cut": cut, "silent": silent}[MODE], "127.0.0.1", 0)
+    print(server.sockets[0].getsockname()[1], flush=True)
+    await asyncio.Future()
+
+
+def exit_with_parent():
+    parent = os.getppid()
+    while os.getppid() == parent:
+        time.sleep(0.5)
+    os._exit(0)
+
+
+if __name__ == "__main__":
+    # A test that dies without stopping its peer must not leave it behind.
+    threading.Thread(target=exit_with_parent, daemon=True).start()
+    if MODE == "flood":
+        flood()
+    else:
+        asyncio.run(main())
