@@ -277,6 +277,18 @@ void WebSocketChannel::writeToHandlerAndFlush() {
 }
 
 int WebSocketChannel::send(int nMaxSize, const void * data) {
+    bool outputLeft = false;
+    const int sent = sendLocked(nMaxSize, data, outputLeft);
+    // What the socket did not take waits in the ring for the reactor's write events: a running
+    // wait would otherwise ask for them only after its time-out. Outside the send lock, which
+    // the reactor thread takes under its own lock.
+    if (outputLeft && m_homeReactor) {
+        m_homeReactor->wakeUp();
+    }
+    return sent;
+}
+
+int WebSocketChannel::sendLocked(int nMaxSize, const void * data, bool & outputLeft) {
     LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
     if (!m_Connection || m_bEnded) {
@@ -306,6 +318,7 @@ int WebSocketChannel::send(int nMaxSize, const void * data) {
     if (wasEmpty && !flushWriteToSocket_i()) {
         throw InternalException("flushWriteToSocket failed");
     }
+    outputLeft = m_OutputBuffer.readAvailable() > 0;
     return static_cast<int>(n);
 }
 

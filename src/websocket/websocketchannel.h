@@ -115,6 +115,8 @@ private:
     void markEnded();
     bool flushWriteToSocket();
     bool flushWriteToSocket_i();  // m_SendMutex held
+    // send under m_SendMutex; `outputLeft`: bytes wait in the ring for the reactor.
+    int sendLocked(int nMaxSize, const void * data, bool & outputLeft);
     void writeToHandlerAndFlush();
     bool outputWaiting();
     // Ends the engine's wait for input, so that the connection lets go of itself.
