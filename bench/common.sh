@@ -1,5 +1,16 @@
 # shellcheck shell=bash
-# Helpers of the benchmark scripts, sourced by them (bash, set -euo pipefail).
+# Helpers of the benchmark scripts, sourced by them (bash, set -euo pipefail): a work directory
+# and the PIDs of the servers they start, both cleaned up on exit (after the script's own
+# before_cleanup, if it defines one), and small helpers for ports and figures.
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    if declare -F before_cleanup >/dev/null; then before_cleanup; fi
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+    rm -rf "$work"
+}
+trap cleanup EXIT
 
 # wait_for COMMAND...: retries for up to 5 s.
 wait_for() {

@@ -27,20 +27,15 @@ for program in socat squid; do
 done
 [[ $(id -u) == 0 ]] || { echo "proxytunnel.sh: needs root to give squid a folder of user proxy" >&2; exit 1; }
 
-work=$(mktemp -d)
-squid_dir=$(mktemp -d)
-pids=()
-squid_pid=
-cleanup() {
-    # A graceful stop takes squid seconds; its helpers end when their pipes close.
-    if [[ -n $squid_pid ]]; then kill -KILL "$squid_pid" 2>/dev/null || true; wait "$squid_pid" 2>/dev/null || true; fi
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-    rm -rf "$work" "$squid_dir"
-}
-trap cleanup EXIT
 # shellcheck source=bench/common.sh
 source "$(dirname "$0")/common.sh"
+squid_dir=$(mktemp -d)
+squid_pid=
+before_cleanup() {
+    # A graceful stop takes squid seconds; its helpers end when their pipes close.
+    if [[ -n $squid_pid ]]; then kill -KILL "$squid_pid" 2>/dev/null || true; wait "$squid_pid" 2>/dev/null || true; fi
+    rm -rf "$squid_dir"
+}
 listening_port() {
     sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$1"
 }

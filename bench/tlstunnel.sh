@@ -21,14 +21,6 @@ for program in "$CORVANE" "$TUNNELBENCH"; do
 done
 command -v stunnel4 >/dev/null || { echo "tlstunnel.sh: stunnel4 is missing (scripts/install-deps)" >&2; exit 1; }
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-    rm -rf "$work"
-}
-trap cleanup EXIT
 # shellcheck source=bench/common.sh
 source "$(dirname "$0")/common.sh"
 
