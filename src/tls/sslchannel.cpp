@@ -39,7 +39,13 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone)
     m_description = m_localURI + " <-> " + m_peerURI;
 }
 
-SSLChannel::~SSLChannel() = default;
+SSLChannel::~SSLChannel() {
+    // A channel that no reactor ended and nobody closed (its reactor was stopped while it ran)
+    // still owns its connection; the socket BIO does not close the descriptor.
+    if (m_ssl != nullptr) {
+        SSL_free(m_ssl);
+    }
+}
 
 net::IChannelHandler * SSLChannel::getChannelHandler() const {
     Common::ScopedLock guard(&m_lock);

@@ -393,6 +393,8 @@ TEST_F(TlsTransport, HostThreadSendsWhileTheReactorReadsAndTheOwnerCloses) {
     EXPECT_LE(received.size(), sent.load());
     EXPECT_TRUE(received.compare(0, data.size(), data) == 0 && received.compare(data.size(), data.size(), data) == 0);
     EXPECT_EQ(client->closes + client->errors, 0);
+    // The server's side ends on the close before the reactor stops.
+    EXPECT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }));
     server->close();
 }
 
