@@ -61,10 +61,26 @@ void WSChannel::setupNames(net::IChannel * underlying, const std::string & peer)
     m_strDescription = m_strLocalURI + " <-> " + m_strPeerURI;
 }
 
-void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeoutMs*/) {
-    LOG4CXX_INFO(logger, "open( szURI = '" << szURI << "', timeoutMs = " << kWaitMilliseconds);
+template <typename Steps>
+void WSChannel::setUp(net::IChannel * underlying, Steps steps) {
+    // A failure always closes the channel below: nobody else would.
     Common::SmartPtr<net::IChannel> below(underlying);
     try {
+        steps();
+    } catch (const websocketpp::exception & e) {
+        abandon();
+        below->close();
+        throw InternalException(e.what());
+    } catch (...) {
+        abandon();
+        below->close();
+        throw;
+    }
+}
+
+void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeoutMs*/) {
+    LOG4CXX_INFO(logger, "open( szURI = '" << szURI << "', timeoutMs = " << kWaitMilliseconds);
+    setUp(underlying, [&] {
         std::unique_lock<std::mutex> lock(m_Mutex);
         m_UnderlyingChannel = underlying;
         setupNames(underlying, szURI);
@@ -89,15 +105,7 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
             }
             throw InternalException(text.c_str());
         }
-    } catch (const websocketpp::exception & e) {
-        abandon();
-        below->close();
-        throw InternalException(e.what());
-    } catch (...) {
-        abandon();
-        below->close();
-        throw;
-    }
+    });
     finishDeferred();
 }
 
@@ -112,8 +120,7 @@ void WSChannel::abandon() {
 
 void WSChannel::accept(net::IChannel * underlying) {
     LOG4CXX_INFO(logger, "accept( underlyingChannel = '" << underlying->getPeerURI());
-    Common::SmartPtr<net::IChannel> below(underlying);
-    try {
+    setUp(underlying, [&] {
         // The channel below is not registered yet: nothing can race; the lock keeps the
         // fields' publication in order for the reactor thread all the same.
         std::lock_guard<std::mutex> lock(m_Mutex);
@@ -122,15 +129,7 @@ void WSChannel::accept(net::IChannel * underlying) {
         ConnectionPtr con = m_Endpoint.create_connection();
         con->start();
         m_Connection = con;
-    } catch (const websocketpp::exception & e) {
-        abandon();
-        below->close();
-        throw InternalException(e.what());
-    } catch (...) {
-        abandon();
-        below->close();
-        throw;
-    }
+    });
 }
 
 void WSChannel::terminateConnection() {

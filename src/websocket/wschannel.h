@@ -145,6 +145,9 @@ private:
     Common::SmartPtr<net::IChannelHandler> handler() const;
     // A failed open or accept: the engine lets go, the channel below is no longer ours.
     void abandon();
+    // Runs the steps of open or accept; on a failure abandons and closes `underlying`.
+    template <typename Steps>
+    void setUp(net::IChannel * underlying, Steps steps);
     void wakeReactor();
     // Reactor thread, m_Mutex held.
     void learnReactor_i();
