@@ -51,6 +51,9 @@ WSChannel::WSChannel(unsigned int sendBufferSize, unsigned int receiveBufferSize
 
 WSChannel::~WSChannel() {
     LOG4CXX_TRACE(logger, "dtor");
+    // A connection still waiting for input holds itself alive through that wait.
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    terminateConnection_i();
 }
 
 void WSChannel::setupNames(net::IChannel * underlying, const std::string & peer) {
