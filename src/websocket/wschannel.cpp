@@ -329,7 +329,9 @@ int WSChannel::send(int nMaxSize, const void * data) {
         } catch (const websocketpp::exception & e) {
             throw InternalException(e.what());
         }
-        if (m_nTotalBytesPending != 0) {
+        // On the reactor thread the masks are asked again after this dispatch anyway, and the
+        // reactor's lock must not be taken under the handler's own locks there.
+        if (m_nTotalBytesPending != 0 && std::this_thread::get_id() != m_ReactorThread.load()) {
             reactor = m_Reactor;
         }
     }
