@@ -6,6 +6,7 @@
 #include "tcp/tcptransportprotocol.h"
 #include "tls/httpstransportprotocol.h"
 #include "tls/ssltransportprotocol.h"
+#include "websocket/websockettransportprotocol.h"
 
 namespace net {
 
@@ -15,6 +16,8 @@ void registerBuiltinTransports(IChannelFactory & factory, const SocketOptions & 
     factory.registerTransportProtocol(new tcp::HTTPTransportProtocol(socketio::socket_options(options)));
     factory.registerTransportProtocol(new ssl::HTTPSTransportProtocol(socketio::socket_options(options)));
     factory.registerTransportProtocol(new ssl::SSLTransportProtocol(socketio::socket_options(options)));
+    factory.registerTransportProtocol(new websocket::WebSocketTransportProtocol(socketio::socket_options(options)));
+    factory.registerTransportProtocol(new websocket::WebSocketSecureTransportProtocol(socketio::socket_options(options)));
 }
 
 }  // namespace net

@@ -74,21 +74,13 @@ unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy) 
     return socketio::SocketConnect(uri, m_socketOptions);
 }
 
-net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
-                                                  net::IChannelHandler * handler, const char * options) {
-    LOG4CXX_INFO(logger, "openChannel('" << text(uri) << "', " << static_cast<const void *>(handler) << ", '"
-                                         << text(options) << "')");
-    socketio::SelectReactor * selectReactor = selectReactorOf(reactor, "openChannel");
-    const net::URI parsedUri = net::URI::FromString(text(uri));
+bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::OptionMap & optionMap, bool viaProxy,
+                                         unsigned int & socket, SSL *& ssl) {
     ensureLibrary();
-    net::OptionMap optionMap;
-    optionMap.parse(options);
-
     HandleGuard guard;
-    guard.socket = connect(parsedUri, net::OptionMap::isTrue(optionMap.get("EnableProxy", "false")));
+    guard.socket = connect(parsedUri, viaProxy);
     if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
-        LOG4CXX_ERROR(logger, "unable to connect");
-        return nullptr;
+        return false;
     }
 
     // The context of these options, built when they were first used or a file they name changed.
@@ -116,6 +108,27 @@ net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const
     }
     if (net::OptionMap::isTrue(optionMap.get("ValidateServerName", "true"))) {
         tools::SSLContext::validateCertificates(guard.ssl, host.c_str());
+    }
+
+    socket = guard.socket;
+    ssl = guard.ssl;
+    guard.release();
+    return true;
+}
+
+net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
+                                                  net::IChannelHandler * handler, const char * options) {
+    LOG4CXX_INFO(logger, "openChannel('" << text(uri) << "', " << static_cast<const void *>(handler) << ", '"
+                                         << text(options) << "')");
+    socketio::SelectReactor * selectReactor = selectReactorOf(reactor, "openChannel");
+    const net::URI parsedUri = net::URI::FromString(text(uri));
+    net::OptionMap optionMap;
+    optionMap.parse(options);
+    HandleGuard guard;
+    if (!connectSecure(parsedUri, optionMap, net::OptionMap::isTrue(optionMap.get("EnableProxy", "false")), guard.socket,
+                       guard.ssl)) {
+        LOG4CXX_ERROR(logger, "unable to connect");
+        return nullptr;
     }
 
     Common::SmartPtr<SSLChannel> channel(new SSLChannel(guard.socket, guard.ssl, true));

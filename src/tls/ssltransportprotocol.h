@@ -7,8 +7,11 @@
 #include <memory>
 #include <mutex>
 
+#include <openssl/ssl.h>
+
 #include "corvane/channel.h"
 #include "corvane/uri.h"
+#include "net/optionmap.h"
 #include "socketio/socketoptions.h"
 #include "tls/clientcontextcache.h"
 #include "tls/ssllibraryguard.h"
@@ -36,6 +39,12 @@ public:
     // context failure throws and frees the port again.
     net::IChannelServer * startChannelServer(net::IReactor * reactor, const char * uri,
                                              net::IChannelAcceptor * acceptor, const char * options) override;
+
+    // The client connection of openChannel up to a finished TLS handshake and name check, on
+    // a socket still blocking: true with `socket` and `ssl` handed to the caller; false when
+    // the connect gave no socket. Throws as openChannel does, and then leaves nothing open.
+    bool connectSecure(const net::URI & uri, const net::OptionMap & options, bool viaProxy, unsigned int & socket,
+                       SSL *& ssl);
 
 private:
     void ensureLibrary();

@@ -413,6 +413,7 @@ short WebSocketChannel::getEventMask() noexcept {
 
 bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_nLastEventTime = now;
+    m_reactorThread = std::this_thread::get_id();
     if (!dispatch(events)) {
         markEnded();
         return false;
@@ -483,6 +484,8 @@ void WebSocketChannel::close() {
                 // The close frame found no room: the socket is closed all the same, so that
                 // the owner is not left with a socket that nobody will close.
                 LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: " << kOverflowText);
+            } else if (std::this_thread::get_id() == m_reactorThread.load()) {
+                flushWriteToSocket();
             } else {
                 processUntil([this] { return !m_bOpen; });
             }

@@ -10,11 +10,13 @@
 // nothing.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <websocketpp/client.hpp>
@@ -53,7 +55,8 @@ public:
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
     const char * getDescription() const override { return m_strDescription.c_str(); }
     // Any thread: leaves the reactor, runs the close handshake on this thread, closes the
-    // socket. No handler call results. Harmless when repeated.
+    // socket. On the reactor thread the close frame goes out and no answer is awaited. No
+    // handler call results. Harmless when repeated.
     void close() override;
     net::IWriteDataStream * getWriteDataStream() override { return this; }
     net::IChannelHandler * getChannelHandler() const override { return m_ChannelHandler.get(); }
@@ -161,6 +164,9 @@ protected:
     // neither the engine nor the socket, which may already be closed and its number reused.
     bool m_bEnded;  // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
+    // The thread of onEvents: close() there cannot wait for the peer's answer, which may have
+    // to come through this very reactor (a tunnel to a WebSocket server of the same host).
+    std::atomic<std::thread::id> m_reactorThread;
 };
 
 }  // namespace websocket

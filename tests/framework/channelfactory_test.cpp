@@ -48,10 +48,10 @@ private:
 
 TEST(ChannelFactory, LookupIsExactAndUnknownSchemesAreNull) {
     Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    ASSERT_NE(factory->getTransportProtocol("tcp"), nullptr);
-    EXPECT_STREQ(factory->getTransportProtocol("tcp")->getName(), "tcp");
-    ASSERT_NE(factory->getTransportProtocol("http"), nullptr);
-    EXPECT_STREQ(factory->getTransportProtocol("http")->getName(), "http");
+    for (const char * scheme : {"tcp", "http", "https", "ssl", "ws", "wss"}) {
+        ASSERT_NE(factory->getTransportProtocol(scheme), nullptr) << scheme;
+        EXPECT_STREQ(factory->getTransportProtocol(scheme)->getName(), scheme);
+    }
     EXPECT_EQ(factory->getTransportProtocol("TCP"), nullptr);
     EXPECT_EQ(factory->getTransportProtocol("ftp"), nullptr);
 }
@@ -73,6 +73,8 @@ TEST(ChannelFactory, DuplicateRegistrationThrowsAndKeepsTheFirst) {
 TEST(ChannelFactory, ForwardsArgumentsUnchangedToTheSchemesProtocol) {
     Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
     Common::SmartPtr<RecordingProtocol> ws(new RecordingProtocol("ws"));
+    // The factory's own "ws" makes room for the recording one.
+    factory->unregisterTransportProtocol("ws");
     factory->registerTransportProtocol(ws.get());
     auto * reactor = reinterpret_cast<net::IReactor *>(0x1234);
     factory->openChannel(reactor, "ws://h:1/x?y", nullptr, "a=b");

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """WebSocket peers for the channel tests, on 127.0.0.1 with a port the system picks.
 
-Usage: wspeer.py MODE [SECONDS [CERT KEY]]. With a certificate and key it serves wss. Prints the port on one line once it listens and serves
+Usage: wspeer.py MODE [SECONDS [CERT KEY]], or wspeer.py client URI BYTES. With a certificate and key it serves wss. Prints the port on one line once it listens and serves
 until it is terminated. Modes:
   echo      binary echo of every message (pings every SECONDS when SECONDS > 0)
   headers   sends back "<Sec-WebSocket-Key>|<User-Agent>" of the upgrade request
@@ -13,6 +13,9 @@ until it is terminated. Modes:
   cut       reads the upgrade request, sends half a status line and closes
   silent    reads the upgrade request, never answers, closes after SECONDS
   flood     answers the upgrade by hand, then sends 125-byte pings without reading
+  client    connects to URI (wss without checking the certificate), sends BYTES of a pattern in
+            messages of mixed sizes while reading the echo, prints "ok BYTES" when the echo is
+            equal, then closes with 1000 and prints "closed CODE"
 """
 import asyncio
 import os
@@ -26,9 +29,9 @@ from http import HTTPStatus
 import websockets
 
 MODE = sys.argv[1]
-SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 else 0.0
+SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 and MODE != "client" else 0.0
 TLS = None
-if len(sys.argv) > 4:
+if len(sys.argv) > 4 and MODE != "client":
     TLS = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     TLS.load_cert_chain(sys.argv[3], sys.argv[4])
 
@@ -131,6 +134,34 @@ def flood():
         conn.close()
 
 
+async def client(uri, count):
+    context = None
+    if uri.startswith("wss:"):
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+    data = bytes((i * 7 + (i >> 9)) & 255 for i in range(count))
+    sizes = [1, 125, 126, 65535, 65536, 70000, 3]
+    async with websockets.connect(uri, ssl=context, max_size=None, ping_interval=None) as ws:
+        async def sender():
+            sent = 0
+            index = 0
+            while sent < count:
+                n = min(sizes[index % len(sizes)], count - sent)
+                await ws.send(data[sent:sent + n])
+                sent += n
+                index += 1
+
+        task = asyncio.create_task(sender())
+        received = bytearray()
+        while len(received) < count:
+            received += await asyncio.wait_for(ws.recv(), 10)
+        await task
+        print("ok" if bytes(received) == data else "mismatch", len(received), flush=True)
+        await asyncio.wait_for(ws.close(1000, "done"), 10)
+        print("closed", ws.close_code, flush=True)
+
+
 async def main():
     handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
                 "reject": echo}
@@ -157,5 +188,7 @@ if __name__ == "__main__":
     threading.Thread(target=exit_with_parent, daemon=True).start()
     if MODE == "flood":
         flood()
+    elif MODE == "client":
+        asyncio.run(client(sys.argv[2], int(sys.argv[3])))
     else:
         asyncio.run(main())

@@ -1,0 +1,57 @@
+#include "websocket/websocketchannelserver.h"
+
+#include <exception>
+
+#include "common/logging.h"
+#include "websocket/wschannel.h"
+
+namespace websocket {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.websocket.WebSocketChannelServer");
+}  // namespace
+
+WebSocketChannelServer::WebSocketChannelServer(net::IChannelAcceptor * acceptor, bool secure,
+                                               const socketio::socket_options & options)
+    : m_Acceptor(acceptor), m_bSecure(secure), m_SocketOptions(options) {}
+
+void WebSocketChannelServer::setServer(net::IChannelServer * server, const char * uri) {
+    m_Server = server;
+    m_strLocalURI = uri;
+}
+
+void WebSocketChannelServer::close() {
+    LOG4CXX_INFO(logger, "close[" << m_strLocalURI << "]()");
+    if (m_Server) {
+        Common::SmartPtr<net::IChannelServer> server = std::move(m_Server);
+        m_Server = nullptr;
+        server->close();
+    }
+}
+
+net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying) {
+    try {
+        Common::SmartPtr<WSChannel> channel(
+            new WSChannel(static_cast<unsigned int>(m_SocketOptions.sendBufferSize),
+                          static_cast<unsigned int>(m_SocketOptions.receiveBufferSize), m_bSecure, true));
+        Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor->accept(channel.get()));
+        if (!handler) {
+            LOG4CXX_INFO(logger, "not accepting connection '" << underlying->getDescription());
+            return nullptr;
+        }
+        channel->accept(underlying);
+        channel->setChannelHandler(handler.get());
+        // The pointer returned carries no count: the channel is held until the next accept,
+        // so that an acceptor that kept no reference does not leave the server below with a
+        // dangling handler. The server below takes its own reference at once.
+        m_Handover = channel.get();
+        return channel.get();
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, "accept failed due to exception: '" << e.what());
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "accept failed due to an unknown exception caught");
+    }
+    return nullptr;
+}
+
+}  // namespace websocket

@@ -1,0 +1,36 @@
+// websocket::WebSocketChannelServer: the server side of "ws" and "wss". It owns no socket: it
+// is the acceptor of a TCP or TLS channel server below and lays a server-role
+// websocket::WSChannel over every connection accepted there, which it hands to the user's
+// acceptor. The reactor holds the server below, whose acceptor reference keeps this one alive.
+#pragma once
+
+#include <string>
+
+#include "corvane/channel.h"
+#include "socketio/socketoptions.h"
+
+namespace websocket {
+
+class WebSocketChannelServer : public net::IChannelServer, public net::IChannelAcceptor {
+public:
+    WebSocketChannelServer(net::IChannelAcceptor * acceptor, bool secure, const socketio::socket_options & options);
+
+    // After the server below has started; `uri` is what getLocalURI answers.
+    void setServer(net::IChannelServer * server, const char * uri);
+
+    const char * getLocalURI() const override { return m_strLocalURI.c_str(); }
+    // Any thread; stops the server below. Accepted channels live on. Harmless when repeated.
+    void close() override;
+    // Reactor thread, from the server below. Never throws; null refuses the connection.
+    net::IChannelHandler * accept(net::IChannel * underlying) override;
+
+private:
+    Common::SmartPtr<net::IChannelAcceptor> m_Acceptor;
+    bool m_bSecure;
+    socketio::socket_options m_SocketOptions;
+    Common::SmartPtr<net::IChannelServer> m_Server;
+    std::string m_strLocalURI;
+    Common::SmartPtr<net::IChannel> m_Handover;  // reactor thread only
+};
+
+}  // namespace websocket

@@ -1,0 +1,520 @@
+#include "websocket/wschannel.h"
+
+#include <chrono>
+#include <functional>
+#include <utility>
+
+#include "common/logging.h"
+#include "corvane/uri.h"
+#include "socketio/iselecteventsubscriber.h"
+#include "websocket/internalexception.h"
+
+namespace websocket {
+
+namespace {
+const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.websocket.WSChannel");
+const log4cxx::LoggerPtr accessLogger = Common::GetLogger(kEngineAccessCategory);
+const log4cxx::LoggerPtr errorLogger = Common::GetLogger(kEngineErrorCategory);
+
+// Both waits of the channel are fixed.
+constexpr int kWaitMilliseconds = 5000;
+constexpr unsigned int kMaxMessageSize = 65536;
+}  // namespace
+
+WSChannel::WSChannel(unsigned int sendBufferSize, unsigned int receiveBufferSize, bool secure, bool server)
+    : m_Endpoint(server),
+      m_nMaxBytesPending(sendBufferSize),
+      m_nMaxMessageSize(kMaxMessageSize),
+      m_bClosing(false),
+      m_bHandshakeDone(false),
+      m_bOpen(false),
+      m_nTotalBytesPending(0),
+      m_bEndedWithError(false) {
+    m_Endpoint.set_secure(secure);
+    m_Endpoint.get_alog().setLogger(accessLogger);
+    m_Endpoint.get_elog().setLogger(errorLogger);
+    using std::placeholders::_1;
+    using std::placeholders::_2;
+    using std::placeholders::_3;
+    m_Endpoint.set_open_handler(std::bind(&WSChannel::onWebSocketOpen, this, _1));
+    m_Endpoint.set_fail_handler(std::bind(&WSChannel::onWebSocketFail, this, _1));
+    m_Endpoint.set_close_handler(std::bind(&WSChannel::onWebSocketClose, this, _1));
+    m_Endpoint.set_message_handler(std::bind(&WSChannel::onWebSocketMessage, this, _1, _2));
+    m_Endpoint.set_write_handler(std::bind(&WSChannel::onWebSocketWrite, this, _1, _2, _3));
+    m_Endpoint.set_shutdown_handler(std::bind(&WSChannel::onWebSocketShutdown, this, _1));
+    m_Endpoint.set_ping_handler(std::bind(&WSChannel::onWebSocketPing, this, _1, _2));
+    m_Endpoint.set_validate_handler(std::bind(&WSChannel::onWebSocketValidate, this, _1));
+    m_Endpoint.set_http_handler(std::bind(&WSChannel::onWebSocketHTTP, this, _1));
+    // Sized, not only reserved: a read writes into it. A size of 0 still reads 15 bytes.
+    m_RecvBuffer.resize(receiveBufferSize | 15u);
+}
+
+WSChannel::~WSChannel() {
+    LOG4CXX_TRACE(logger, "dtor");
+    // A connection still waiting for input holds itself alive through that wait.
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    terminateConnection_i();
+}
+
+void WSChannel::setupNames(net::IChannel * underlying, const std::string & peer) {
+    net::URI local = net::URI::FromString(underlying->getLocalURI());
+    local.setScheme(m_Endpoint.is_secure() ? "wss" : "ws");
+    m_strLocalURI = local.ToString();
+    m_strPeerURI = net::URI::FromString(peer).ToString();
+    m_strDescription = m_strLocalURI + " <-> " + m_strPeerURI;
+}
+
+template <typename Steps>
+void WSChannel::setUp(net::IChannel * underlying, Steps steps) {
+    // A failure always closes the channel below: nobody else would.
+    Common::SmartPtr<net::IChannel> below(underlying);
+    try {
+        steps();
+    } catch (const websocketpp::exception & e) {
+        abandon();
+        below->close();
+        throw InternalException(e.what());
+    } catch (...) {
+        abandon();
+        below->close();
+        throw;
+    }
+}
+
+void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeoutMs*/) {
+    LOG4CXX_INFO(logger, "open( szURI = '" << szURI << "', timeoutMs = " << kWaitMilliseconds);
+    setUp(underlying, [&] {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_UnderlyingChannel = underlying;
+        setupNames(underlying, szURI);
+        std::error_code ec;
+        m_Connection = m_Endpoint.get_connection(szURI, ec);
+        if (ec) {
+            throw InternalException(("unable to connect:" + ec.message()).c_str());
+        }
+        m_Endpoint.connect(m_Connection);
+        if (m_Connection->get_ec()) {
+            throw InternalException(("unable to connect:" + m_Connection->get_ec().message()).c_str());
+        }
+        if (!m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
+                                  [this] { return m_bHandshakeDone.load(); })) {
+            throw InternalException(
+                ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());
+        }
+        if (!m_bOpen) {
+            std::string text = m_Connection->get_ec().message();
+            if (!m_strHandshakeError.empty()) {
+                text += " : " + m_strHandshakeError;
+            }
+            throw InternalException(text.c_str());
+        }
+    });
+    finishDeferred();
+}
+
+void WSChannel::abandon() {
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_UnderlyingChannel = nullptr;
+        terminateConnection_i();
+    }
+    finishDeferred();
+}
+
+void WSChannel::accept(net::IChannel * underlying) {
+    LOG4CXX_INFO(logger, "accept( underlyingChannel = '" << underlying->getPeerURI());
+    setUp(underlying, [&] {
+        // The channel below is not registered yet: nothing can race; the lock keeps the
+        // fields' publication in order for the reactor thread all the same.
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_UnderlyingChannel = underlying;
+        setupNames(underlying, underlying->getPeerURI());
+        ConnectionPtr con = m_Endpoint.create_connection();
+        con->start();
+        m_Connection = con;
+    });
+}
+
+void WSChannel::terminateConnection() {
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        terminateConnection_i();
+    }
+    finishDeferred();
+}
+
+void WSChannel::terminateConnection_i() {
+    LOG4CXX_TRACE(logger, "terminateConnection[" << m_strDescription);
+    if (!m_Connection) {
+        return;
+    }
+    ConnectionPtr con = std::move(m_Connection);
+    m_Connection.reset();
+    try {
+        con->eof();
+    } catch (const websocketpp::exception & e) {
+        LOG4CXX_DEBUG(logger, "terminateConnection[" << m_strDescription << "]: " << e.what());
+    }
+}
+
+void WSChannel::finishDeferred() {
+    Common::SmartPtr<net::IChannel> toClose;
+    Common::SmartPtr<net::IChannelHandler> ended;
+    bool withError;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        toClose = std::move(m_ClosingChannel);
+        m_ClosingChannel = nullptr;
+        ended = std::move(m_EndedHandler);
+        m_EndedHandler = nullptr;
+        withError = m_bEndedWithError;
+    }
+    if (toClose) {
+        toClose->close();
+    }
+    if (ended) {
+        if (withError) {
+            ended->onError();
+        } else {
+            ended->onClose();
+        }
+    }
+}
+
+Common::SmartPtr<net::IChannelHandler> WSChannel::handler() const {
+    std::lock_guard<std::mutex> lock(m_HandlerMutex);
+    return m_ChannelHandler;
+}
+
+net::IChannelHandler * WSChannel::getChannelHandler() const {
+    std::lock_guard<std::mutex> lock(m_HandlerMutex);
+    return m_ChannelHandler.get();
+}
+
+void WSChannel::setChannelHandler(net::IChannelHandler * newHandler) {
+    LOG4CXX_TRACE(logger, "setChannelHandler[" << m_strDescription << "]( " << static_cast<void *>(newHandler) << " )");
+    Common::SmartPtr<net::IChannelHandler> old;
+    {
+        std::lock_guard<std::mutex> lock(m_HandlerMutex);
+        old = std::move(m_ChannelHandler);
+        m_ChannelHandler = newHandler;
+    }
+    // Messages that came with the handshake, or output the new handler wants to write: the
+    // reactor asks for the mask again.
+    wakeReactor();
+}
+
+void WSChannel::wakeReactor() {
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        reactor = m_Reactor;
+    }
+    if (reactor) {
+        reactor->wakeUp();
+    }
+}
+
+void WSChannel::learnReactor_i() {
+    if (!m_Reactor && m_UnderlyingChannel) {
+        auto * subscriber = dynamic_cast<socketio::ISelectEventSubscriber *>(m_UnderlyingChannel.get());
+        if (subscriber != nullptr) {
+            m_Reactor = subscriber->getReactor();
+        }
+    }
+    m_ReactorThread = std::this_thread::get_id();
+}
+
+bool WSChannel::wantsRead() {
+    Common::SmartPtr<net::IChannelHandler> current = handler();
+    auto * interest = dynamic_cast<socketio::IReadInterest *>(current.get());
+    return interest == nullptr || interest->wantsRead();
+}
+
+bool WSChannel::hasPendingWrite() {
+    if (m_nTotalBytesPending != 0) {
+        return true;
+    }
+    if (m_bClosing || !m_bOpen) {
+        return false;
+    }
+    Common::SmartPtr<net::IChannelHandler> current = handler();
+    if (!current) {
+        return false;
+    }
+    // Messages the handler did not take yet: a write event brings them to it again, as the
+    // peer may send nothing more that would.
+    if (!m_ReadBuffer.empty() && wantsRead()) {
+        return true;
+    }
+    return current->hasPendingWrite();
+}
+
+void WSChannel::onRead(net::IReadDataStream * stream) {
+    LOG4CXX_TRACE(logger, "onRead[" << m_strDescription << "]");
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        learnReactor_i();
+        const int n = stream->recv(static_cast<int>(m_RecvBuffer.size()), &m_RecvBuffer[0]);
+        if (n < 1) {
+            LOG4CXX_WARN(logger, "onRead[" << m_strDescription << "]: nRecv =  " << n);
+        } else if (m_Connection) {
+            try {
+                const std::size_t consumed = m_Connection->read_all(m_RecvBuffer.data(), static_cast<std::size_t>(n));
+                if (consumed != static_cast<std::size_t>(n)) {
+                    LOG4CXX_WARN(logger, "onRead[" << m_strDescription << "]: processed " << consumed << " bytes while "
+                                                   << n << " bytes received");
+                }
+            } catch (const websocketpp::exception & e) {
+                LOG4CXX_WARN(logger, "onRead[" << m_strDescription << "]: exception: " << e.what());
+            }
+        }
+    }
+    deliver();
+    finishDeferred();
+}
+
+void WSChannel::deliver() {
+    Common::SmartPtr<net::IChannelHandler> current = handler();
+    if (current && !m_ReadBuffer.empty()) {
+        // Stops when a call takes nothing: the rest waits for the handler's next write event.
+        m_ReadBuffer.deliverTo(current.get());
+    }
+}
+
+int WSChannel::recv(int length, void * buffer) {
+    return m_ReadBuffer.recv(length, buffer);
+}
+
+void WSChannel::onWebSocketMessage(std::weak_ptr<void>, MessagePtr message) {
+    try {
+        LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
+                                                    << "]( msg = " << static_cast<const void *>(message.get()) << ")");
+        if (message->get_opcode() == websocketpp::frame::opcode::binary) {
+            m_ReadBuffer.addMessage(message->get_payload());
+            LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
+                                                        << "]: m_ReadBuffer.size = " << m_ReadBuffer.size());
+        }
+    } catch (const std::exception & e) {
+        LOG4CXX_INFO(logger, "exception caught during onWebSocketMessage: " << e.what());
+    } catch (...) {
+        LOG4CXX_INFO(logger, "unknown exception caught during onWebSocketMessage");
+    }
+}
+
+int WSChannel::send(int nMaxSize, const void * data) {
+    LOG4CXX_TRACE(logger, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << " )");
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    int sent = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (!m_Connection || (m_bHandshakeDone && !m_bOpen)) {
+            // Never opened, or ended: a sender waiting for room would wait for ever.
+            return -1;
+        }
+        if (!m_bOpen) {
+            // The server role's handshake is still running: nothing is taken, the handler's
+            // write event comes once the connection is open.
+            return 0;
+        }
+        const auto * bytes = static_cast<const char *>(data);
+        try {
+            while (sent < nMaxSize && m_nTotalBytesPending < m_nMaxBytesPending) {
+                const int n = std::min<int>(nMaxSize - sent, static_cast<int>(m_nMaxMessageSize));
+                std::error_code ignored =
+                    m_Connection->send(bytes + sent, static_cast<std::size_t>(n), websocketpp::frame::opcode::binary);
+                (void)ignored;
+                sent += n;
+            }
+        } catch (const websocketpp::exception & e) {
+            throw InternalException(e.what());
+        }
+        // On the reactor thread the masks are asked again after this dispatch anyway, and the
+        // reactor's lock must not be taken under the handler's own locks there.
+        if (m_nTotalBytesPending != 0 && std::this_thread::get_id() != m_ReactorThread.load()) {
+            reactor = m_Reactor;
+        }
+    }
+    // Output waits for the reactor's write events; a running wait would ask for them only
+    // after its time-out.
+    if (reactor) {
+        reactor->wakeUp();
+    }
+    return sent;
+}
+
+std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
+    LOG4CXX_TRACE(logger, "onWebSocketWrite[" << m_strDescription << "]( size = " << size << " )");
+    if (!m_UnderlyingChannel) {
+        return std::error_code();
+    }
+    int n = 0;
+    if (m_WriteBuffer.empty()) {
+        n = m_UnderlyingChannel->getWriteDataStream()->send(static_cast<int>(size), data);
+    }
+    // A failed send (negative) counts as all sent: the failure shows on the read side below.
+    if (static_cast<std::size_t>(static_cast<unsigned int>(n)) < size) {
+        m_WriteBuffer.emplace_back(data + n, data + size);
+        m_nTotalBytesPending += static_cast<unsigned int>(size - static_cast<std::size_t>(n));
+        LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
+                                                    << "]:m_nTotalBytesPending = " << m_nTotalBytesPending);
+    }
+    return std::error_code();
+}
+
+void WSChannel::onWrite(net::IWriteDataStream * stream) {
+    LOG4CXX_TRACE(logger, "onWrite[" << m_strDescription << "]");
+    bool drained = true;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        learnReactor_i();
+        while (m_nTotalBytesPending != 0) {
+            std::string & first = m_WriteBuffer.front();
+            int n = stream->send(static_cast<int>(first.size()), first.data());
+            if (n < 0) {
+                n = 0;
+            }
+            m_nTotalBytesPending -= static_cast<unsigned int>(n);
+            if (static_cast<std::size_t>(n) < first.size()) {
+                first.erase(0, static_cast<std::size_t>(n));
+                drained = false;
+                break;
+            }
+            m_WriteBuffer.erase(m_WriteBuffer.begin());
+        }
+    }
+    if (drained) {
+        deliver();
+        Common::SmartPtr<net::IChannelHandler> current = handler();
+        if (current && m_bOpen && !m_bClosing && current->hasPendingWrite()) {
+            current->onWrite(this);
+        }
+    }
+    finishDeferred();
+}
+
+void WSChannel::onClose() {
+    LOG4CXX_TRACE(logger, "onClose[" << m_strDescription << "]");
+    terminateConnection();
+}
+
+void WSChannel::onError() {
+    LOG4CXX_TRACE(logger, "onError[" << m_strDescription << "]");
+    terminateConnection();
+}
+
+void WSChannel::onWebSocketOpen(std::weak_ptr<void>) {
+    LOG4CXX_INFO(logger, "onWebSocketOpen[" << m_strDescription << "]()");
+    m_bHandshakeDone = true;
+    m_bOpen = true;
+    m_Condition.notify_all();
+}
+
+void WSChannel::onWebSocketFail(std::weak_ptr<void> hdl) {
+    LOG4CXX_INFO(logger, "onWebSocketFail[" << m_strDescription << "]()");
+    try {
+        m_strHandshakeError = m_Endpoint.get_con_from_hdl(hdl)->get_response_msg();
+    } catch (const websocketpp::exception &) {
+    }
+    m_bHandshakeDone = true;
+    m_bOpen = false;
+    m_Condition.notify_all();
+}
+
+void WSChannel::onWebSocketClose(std::weak_ptr<void> hdl) {
+    m_bOpen = false;
+    Common::SmartPtr<net::IChannelHandler> local;
+    {
+        std::lock_guard<std::mutex> lock(m_HandlerMutex);
+        local = std::move(m_ChannelHandler);
+        m_ChannelHandler = nullptr;
+    }
+    m_Condition.notify_all();
+    websocketpp::close::status::value code = websocketpp::close::status::abnormal_close;
+    std::string reason;
+    try {
+        ConnectionPtr con = m_Endpoint.get_con_from_hdl(hdl);
+        code = con->get_remote_close_code();
+        reason = con->get_remote_close_reason();
+    } catch (const websocketpp::exception &) {
+    }
+    const bool normal = code == websocketpp::close::status::normal;
+    if (normal) {
+        LOG4CXX_INFO(logger, "onWebSocketClose[" << m_strDescription << "](): (" << code << ") "
+                                                 << websocketpp::close::status::get_string(code) << ": " << reason);
+    } else {
+        LOG4CXX_WARN(logger, "onWebSocketClose[" << m_strDescription << "](): (" << code << ") "
+                                                 << websocketpp::close::status::get_string(code) << ": " << reason);
+    }
+    // Told once the lock is let go, so that the handler may close this channel.
+    if (local) {
+        m_EndedHandler = std::move(local);
+        m_bEndedWithError = !normal;
+    }
+}
+
+std::error_code WSChannel::onWebSocketShutdown(std::weak_ptr<void>) {
+    LOG4CXX_TRACE(logger, "onWebSocketShutdown[" << m_strDescription << "]");
+    if (m_UnderlyingChannel) {
+        // Closed once the lock is let go: closing it from a host thread waits for the
+        // reactor, which may be waiting for this channel's lock.
+        m_ClosingChannel = std::move(m_UnderlyingChannel);
+        m_UnderlyingChannel = nullptr;
+    }
+    return std::error_code();
+}
+
+bool WSChannel::onWebSocketValidate(std::weak_ptr<void> hdl) {
+    LOG4CXX_TRACE(logger, "onWebSocketValidate[" << m_strDescription
+                                                 << "]: request = " << m_Endpoint.get_con_from_hdl(hdl)->get_request().raw());
+    return true;
+}
+
+void WSChannel::onWebSocketHTTP(std::weak_ptr<void> hdl) {
+    ConnectionPtr con = m_Endpoint.get_con_from_hdl(hdl);
+    LOG4CXX_TRACE(logger, "onWebSocketHTTP[" << m_strDescription << "]: request = " << con->get_request().raw());
+    con->set_status(websocketpp::http::status_code::upgrade_required);
+}
+
+bool WSChannel::onWebSocketPing(std::weak_ptr<void>, std::string payload) {
+    LOG4CXX_DEBUG(logger, "onWebSocketPing[" << m_strDescription << "]( payload = " << payload << " )");
+    return true;
+}
+
+void WSChannel::close() {
+    LOG4CXX_INFO(logger, "close[" << m_strDescription << "]()");
+    {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        {
+            std::lock_guard<std::mutex> handlerLock(m_HandlerMutex);
+            m_ChannelHandler = nullptr;
+        }
+        try {
+            if (m_Connection) {
+                m_Connection->close(websocketpp::close::status::normal, "close");
+                m_bClosing = true;
+            }
+            // On the reactor thread the answer could never arrive during the wait.
+            if (std::this_thread::get_id() != m_ReactorThread.load() &&
+                !m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
+                                      [this] { return !m_bOpen; })) {
+                throw InternalException("timeout while waiting for connection close to complete");
+            }
+            if (m_bOpen) {
+                terminateConnection_i();
+            }
+        } catch (const websocketpp::exception & e) {
+            LOG4CXX_WARN(logger, "close[" << m_strDescription << "]: got websocket error: " << e.what());
+            terminateConnection_i();
+        } catch (const std::exception & e) {
+            LOG4CXX_WARN(logger, "close[" << m_strDescription << "]: exception occured: " << e.what());
+            terminateConnection_i();
+        } catch (...) {
+            LOG4CXX_WARN(logger, "close[" << m_strDescription << "]: unknown exception occured");
+            terminateConnection_i();
+        }
+    }
+    finishDeferred();
+}
+
+}  // namespace websocket

@@ -1,0 +1,112 @@
+// Tunnels between any two of the six schemes: for each (listen, target) pair a tunnel in
+// front of an echo server of the target's scheme carries 1 MiB both ways at once for a client
+// that speaks the listen scheme, and leaves no descriptor open behind it.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "expect.h"
+#include "framework/channelfactory.h"
+#include "recordinghandler.h"
+#include "sockets.h"
+#include "testacceptor.h"
+#include "../tls/tlsmaterial.h"
+#include "socketio/selectreactor.h"
+#include "tunnel/tunnelstore.h"
+
+namespace {
+
+using corvane_test::waitFor;
+
+const char * const kSchemes[] = {"tcp", "http", "https", "ssl", "ws", "wss"};
+const std::size_t kBytes = 1u << 20;
+
+corvane_test::Material & material() {
+    static corvane_test::Material instance;
+    return instance;
+}
+
+// Every server and client gets both kinds of settings; each transport reads its own keys.
+std::string serverOptions() {
+    return "CertificateFile=" + material().serverCert + ";PrivateKeyFile=" + material().serverKey;
+}
+std::string clientOptions() {
+    return "EnableProxy=false;ValidateServerName=false;LoadCryptoCertStore=false;CAFile=" + material().caFile;
+}
+
+// A port that was free a moment ago: several transports turn port 0 into their default port.
+std::string uriOn(const std::string & scheme) {
+    unsigned short port = 0;
+    close(corvane_test::LoopbackListen(port));
+    return scheme + "://127.0.0.1:" + std::to_string(port) + "/";
+}
+
+std::string pattern(std::size_t length, unsigned seed) {
+    std::string data(length, '\0');
+    for (std::size_t i = 0; i < length; ++i) {
+        data[i] = static_cast<char>((i * 131 + seed + (i >> 11)) & 255);
+    }
+    return data;
+}
+
+TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
+    Common::SmartPtr<socketio::SelectReactor> reactor(new socketio::SelectReactor(1000, 600000, 50));
+    reactor->startProcessing();
+    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
+    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
+    material();
+    const int descriptors = corvane_test::CountOpenDescriptors();
+    unsigned seed = 0;
+    for (const std::string listen : kSchemes) {
+        for (const std::string target : kSchemes) {
+            SCOPED_TRACE(listen + " -> " + target);
+            Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+            const std::string targetUri = uriOn(target);
+            Common::SmartPtr<net::IChannelServer> echo(
+                factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), serverOptions().c_str()));
+            ASSERT_TRUE(echo);
+            const std::string listenUri = uriOn(listen);
+            Common::SmartPtr<net::ITunnelService> tunnel(store->startTunnel(
+                listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
+            ASSERT_TRUE(tunnel);
+
+            Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> client(
+                factory->openChannel(reactor.get(), listenUri.c_str(), handler.get(), clientOptions().c_str()));
+            ASSERT_TRUE(client);
+            // Written from this thread while the echo comes back on the reactor's.
+            const std::string data = pattern(kBytes, ++seed);
+            std::size_t sent = 0;
+            EXPECT_TRUE(waitFor(
+                [&] {
+                    int n = client->getWriteDataStream()->send(
+                        static_cast<int>(std::min<std::size_t>(65536, kBytes - sent)), data.data() + sent);
+                    sent += n > 0 ? static_cast<std::size_t>(n) : 0;
+                    return sent == kBytes || n < 0;
+                },
+                20000));
+            EXPECT_TRUE(waitFor([&] { return handler->receivedSize() >= kBytes; }, 20000)) << handler->receivedSize();
+            EXPECT_TRUE(handler->received() == data);
+
+            client->close();
+            tunnel->close();
+            echo->close();
+            // The tunnel's outgoing connection ends with it.
+            EXPECT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }))
+                << "the target's connection did not end";
+            for (const auto & channel : acceptor->channels) {
+                channel->close();
+            }
+            acceptor->channels.clear();
+            acceptor->handlers.clear();
+        }
+    }
+    store->shutdown();
+    EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= descriptors; }, 10000))
+        << corvane_test::CountOpenDescriptors() << " open, " << descriptors << " before";
+    reactor->stopProcessing();
+}
+
+}  // namespace
