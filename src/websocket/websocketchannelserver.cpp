@@ -34,6 +34,7 @@ net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying
         Common::SmartPtr<WSChannel> channel(
             new WSChannel(static_cast<unsigned int>(m_SocketOptions.sendBufferSize),
                           static_cast<unsigned int>(m_SocketOptions.receiveBufferSize), m_bSecure, true));
+        channel->takeNamesOf(underlying);
         Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor->accept(channel.get()));
         if (!handler) {
             LOG4CXX_INFO(logger, "not accepting connection '" << underlying->getDescription());

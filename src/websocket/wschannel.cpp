@@ -121,6 +121,11 @@ void WSChannel::abandon() {
     finishDeferred();
 }
 
+void WSChannel::takeNamesOf(net::IChannel * underlying) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    setupNames(underlying, underlying->getPeerURI());
+}
+
 void WSChannel::accept(net::IChannel * underlying) {
     LOG4CXX_INFO(logger, "accept( underlyingChannel = '" << underlying->getPeerURI());
     setUp(underlying, [&] {

@@ -94,6 +94,9 @@ public:
     // (`timeoutMs` is not used). Throws websocket::InternalException; the channel below is
     // closed then.
     void open(net::IChannel * underlying, const char * szURI, int timeoutMs);
+    // Server role, reactor thread: the names of the accepted channel below, before the
+    // acceptor sees this channel (a tunnel keys its end points by them).
+    void takeNamesOf(net::IChannel * underlying);
     // Server role, reactor thread, before `underlying` works for this object: the handshake
     // runs later through onRead.
     void accept(net::IChannel * underlying);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "expect.h"
 #include "framework/channelfactory.h"
@@ -106,6 +107,47 @@ TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
     store->shutdown();
     EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= descriptors; }, 10000))
         << corvane_test::CountOpenDescriptors() << " open, " << descriptors << " before";
+    reactor->stopProcessing();
+}
+
+// A tunnel keys its end points by their channels' names: an accepted WebSocket channel must
+// have its names before the tunnel sees it, or the second connection at once is refused.
+TEST(TunnelMatrix, WebSocketListenersCarrySeveralConnectionsAtOnce) {
+    Common::SmartPtr<socketio::SelectReactor> reactor(new socketio::SelectReactor(1000, 600000, 50));
+    reactor->startProcessing();
+    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
+    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
+    Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+    const std::string targetUri = uriOn("tcp");
+    Common::SmartPtr<net::IChannelServer> echo(
+        factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), ""));
+    for (const std::string listen : {"ws", "wss"}) {
+        SCOPED_TRACE(listen);
+        const std::string listenUri = uriOn(listen);
+        Common::SmartPtr<net::ITunnelService> tunnel(store->startTunnel(
+            listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
+        std::vector<Common::SmartPtr<corvane_test::RecordingHandler>> handlers;
+        std::vector<Common::SmartPtr<net::IChannel>> clients;
+        for (int i = 0; i < 3; ++i) {
+            handlers.emplace_back(new corvane_test::RecordingHandler);
+            clients.emplace_back(
+                factory->openChannel(reactor.get(), listenUri.c_str(), handlers.back().get(), clientOptions().c_str()));
+        }
+        for (int i = 0; i < 3; ++i) {
+            handlers[i]->queue("connection " + std::to_string(i));
+        }
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(waitFor([&] { return handlers[i]->received() == "connection " + std::to_string(i); }))
+                << i << ": " << handlers[i]->received();
+            clients[i]->close();
+        }
+        tunnel->close();
+    }
+    store->shutdown();
+    echo->close();
+    for (const auto & channel : acceptor->channels) {
+        channel->close();
+    }
     reactor->stopProcessing();
 }
 
