@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "childprocess.h"
 #include "echoserver.h"
 #include "environment.h"
 #include "expect.h"
@@ -12,6 +13,7 @@
 #include "recordinghandler.h"
 #include "scriptedproxy.h"
 #include "socketio/selectreactor.h"
+#include "testacceptor.h"
 #include "tinyproxy.h"
 
 namespace {
@@ -92,6 +94,28 @@ TEST_F(ProxyTransport, HttpWithoutAPortAsksForPort80) {
     EXPECT_EQ(echoOver("http://127.0.0.1", ""), "tcp://" + proxy.address());
     ASSERT_EQ(proxy.requests().size(), 1u);
     EXPECT_EQ(proxy.requests()[0][0].rfind("CONNECT 127.0.0.1:80 HTTP/1.1\r\nHost: 127.0.0.1:80\r\n", 0), 0u);
+}
+
+// A WebSocket channel asks the resolver as "http" and tunnels through the proxy like any other.
+TEST_F(ProxyTransport, WsWithEnableProxyTunnelsThroughTinyproxyToAWebSocketServer) {
+    corvane_test::Tinyproxy proxy;
+    ASSERT_TRUE(proxy.ready());
+    environment.set("http_proxy", proxy.address());
+    Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+    // A ws server given port 0 would take port 80.
+    const std::string authority = "127.0.0.1:" + std::to_string(corvane_test::FreeLoopbackPort());
+    Common::SmartPtr<net::IChannelServer> server(
+        factory->startChannelServer(reactor.get(), ("ws://" + authority).c_str(), acceptor.get(), ""));
+    echoOver("ws://" + authority, "EnableProxy=true");
+    EXPECT_TRUE(waitFor([&] { return proxy.logged("): CONNECT " + authority) == 1; }));
+    EXPECT_EQ(log.count(kConnectLog, "INFO",
+                        "Resolving proxy information for 'ws://" + authority + "' using 'http://" + authority + "'"),
+              1u);
+    EXPECT_EQ(log.count(kConnectLog, "INFO", "Connecting directly"), 0u);
+    server->close();
+    for (const auto & channel : acceptor->channels) {
+        channel->close();
+    }
 }
 
 }  // namespace
