@@ -121,6 +121,31 @@ def flood_connection(conn):
         pass
 
 
+def deaf():
+    # Answers the upgrade, then reads and ignores everything: a close frame gets no answer.
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(4)
+    print(listener.getsockname()[1], flush=True)
+    while True:
+        conn, _ = listener.accept()
+        conn.settimeout(30)
+        request = b""
+        while b"\r\n\r\n" not in request:
+            chunk = conn.recv(4096)
+            if not chunk:
+                break
+            request += chunk
+        conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                      "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+        try:
+            while conn.recv(4096):
+                pass
+        except OSError:
+            pass
+        conn.close()
+
+
 def flood():
     listener = socket.socket()
     # Small buffers on both sides, so that the client's pongs back up quickly.
@@ -188,6 +213,8 @@ if __name__ == "__main__":
     threading.Thread(target=exit_with_parent, daemon=True).start()
     if MODE == "flood":
         flood()
+    elif MODE == "deaf":
+        deaf()
     elif MODE == "client":
         asyncio.run(client(sys.argv[2], int(sys.argv[3])))
     else:

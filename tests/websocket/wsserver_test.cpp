@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -183,6 +184,24 @@ TEST_P(WebSocketServerTest, ClientsOfBothFormsEchoThroughPythonAndTheServer) {
 class PlainWebSocketServerTest : public WebSocketServerTest {};
 INSTANTIATE_TEST_SUITE_P(, PlainWebSocketServerTest, ::testing::Values(false),
                          [](const ::testing::TestParamInfo<bool> &) { return "ws"; });
+
+// A peer that never answers the close frame: close() waits its 5000 ms, then lets go with one
+// warning, and the process goes on.
+TEST_P(PlainWebSocketServerTest, CloseGivesUpOnAPeerThatIgnoresTheCloseFrame) {
+    std::unique_ptr<PythonPeer> deaf = peer("deaf");
+    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+    Common::SmartPtr<net::IChannel> channel(
+        m_ws->openChannel2(m_reactor.get(), deaf->uri().c_str(), handler.get(), "EnableProxy=false"));
+    corvane_test::LogCapture log("WARN");
+    const auto start = std::chrono::steady_clock::now();
+    channel->close();
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(4900));
+    EXPECT_LT(waited, std::chrono::milliseconds(7000));
+    EXPECT_EQ(log.countContaining("corvane.websocket.WSChannel", "timeout while waiting for connection close to complete"),
+              1u);
+    EXPECT_EQ(handler->closes.load() + handler->errors.load(), 0) << "close() calls no handler";
+}
 
 TEST_P(PlainWebSocketServerTest, LayeredClientTellsItsHandlerOfThePeersClose) {
     std::unique_ptr<PythonPeer> closer = peer("close");
