@@ -33,3 +33,24 @@ accepting() {
 stats() {
     printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'
 }
+
+# corvane_tunnel VARIABLE LISTEN TARGET [OPTIONS...]: starts `$CORVANE tunnel` (in this shell, so
+# that cleanup knows its PID) and sets VARIABLE to its port.
+corvane_tunnel() {
+    local variable=$1; shift
+    "$CORVANE" tunnel "$@" >"$work/$variable" 2>"$work/$variable.err" &
+    pids+=($!)
+    wait_for grep -q '^listening on ' "$work/$variable"
+    printf -v "$variable" '%s' "$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/$variable")"
+}
+
+# make_certificates: a CA ($work/ca.pem) and a certificate for localhost signed by it
+# ($work/cert.pem, $work/key.pem), for this run only.
+make_certificates() {
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/ca.key" -out "$work/ca.pem" -days 1 \
+        -subj "/CN=bench CA" 2>/dev/null
+    openssl req -newkey rsa:2048 -nodes -keyout "$work/key.pem" -out "$work/cert.csr" -subj "/CN=localhost" 2>/dev/null
+    printf 'subjectAltName=DNS:localhost\n' >"$work/san"
+    openssl x509 -req -in "$work/cert.csr" -CA "$work/ca.pem" -CAkey "$work/ca.key" -CAcreateserial -days 1 \
+        -extfile "$work/san" -out "$work/cert.pem" 2>/dev/null
+}

@@ -80,9 +80,9 @@ squid_pid=$!
 wait_for accepting "$ntlm_port"
 wait_for accepting "$open_port"
 
-# corvane_tunnel NAME PROXYPORT [VAR=VALUE...]: a tunnel to the target's "http" URI whose only
+# proxied_tunnel NAME PROXYPORT [VAR=VALUE...]: a tunnel to the target's "http" URI whose only
 # proxy is squid's port.
-corvane_tunnel() {
+proxied_tunnel() {
     local name=$1 proxy_port=$2
     shift 2
     env -u https_proxy -u HTTPS_PROXY -u all_proxy -u ALL_PROXY -u no_proxy -u NO_PROXY -u HTTP_PROXY \
@@ -91,8 +91,8 @@ corvane_tunnel() {
     pids+=($!)
     wait_for grep -qs '^listening on ' "$work/$name"
 }
-corvane_tunnel ntlm "$ntlm_port" "NTLM_USER_FILE=$NTLM_USER_FILE"
-corvane_tunnel open "$open_port"
+proxied_tunnel ntlm "$ntlm_port" "NTLM_USER_FILE=$NTLM_USER_FILE"
+proxied_tunnel open "$open_port"
 declare -A ports=([ntlm]=$(listening_port "$work/ntlm") [open]=$(listening_port "$work/open") [socat]=$(free_port))
 socat "TCP-LISTEN:${ports[socat]},bind=127.0.0.1,fork,reuseaddr" \
     "PROXY:127.0.0.1:127.0.0.1:$server_port,proxyport=$open_port" &

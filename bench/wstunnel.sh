@@ -21,20 +21,8 @@ done
 # shellcheck source=bench/common.sh
 source "$(dirname "$0")/common.sh"
 
-# corvane_tunnel VARIABLE LISTEN TARGET [OPTIONS...]: starts a tunnel and sets VARIABLE to its port.
-corvane_tunnel() {
-    local variable=$1; shift
-    "$CORVANE" tunnel "$@" >"$work/$variable" 2>"$work/$variable.err" &
-    pids+=($!)
-    wait_for grep -q '^listening on ' "$work/$variable"
-    printf -v "$variable" '%s' "$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/$variable")"
-}
 
-openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/ca.key" -out "$work/ca.pem" -days 1 -subj "/CN=bench CA" 2>/dev/null
-openssl req -newkey rsa:2048 -nodes -keyout "$work/key.pem" -out "$work/cert.csr" -subj "/CN=localhost" 2>/dev/null
-printf 'subjectAltName=DNS:localhost\n' >"$work/san"
-openssl x509 -req -in "$work/cert.csr" -CA "$work/ca.pem" -CAkey "$work/ca.key" -CAcreateserial -days 1 \
-    -extfile "$work/san" -out "$work/cert.pem" 2>/dev/null
+make_certificates
 
 "$TUNNELBENCH" serve >"$work/server" &
 pids+=($!)
