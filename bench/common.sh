@@ -54,3 +54,35 @@ make_certificates() {
     openssl x509 -req -in "$work/cert.csr" -CA "$work/ca.pem" -CAkey "$work/ca.key" -CAcreateserial -days 1 \
         -extfile "$work/san" -out "$work/cert.pem" 2>/dev/null
 }
+
+# collect RUNS MODE ARGUMENT TARGET...: REPEAT rounds of `$TUNNELBENCH MODE PORT ARGUMENT` over
+# the targets in turn (the port of TARGET in the variable TARGET_port); each result is appended
+# to the entry of its target in the associative array named RUNS.
+collect() {
+    local -n collect_runs=$1
+    local mode=$2 argument=$3
+    shift 3
+    for _ in $(seq 1 "$REPEAT"); do
+        for target in "$@"; do
+            local port_variable="${target}_port"
+            collect_runs[$target]+=" $("$TUNNELBENCH" "$mode" "${!port_variable}" "$argument")"
+        done
+    done
+}
+
+# figures LABEL UNIT RUNS MEDIANS TARGET...: prints "LABEL: TARGET median UNIT (min/median/max
+# ...), ..." without a line end, from the associative array named RUNS, and stores each
+# target's median in the associative array named MEDIANS, for the caller's ratios.
+figures() {
+    local label=$1 unit=$2
+    local -n figures_runs=$3 figures_medians=$4
+    shift 4
+    local line="$label:" median min max
+    for target in "$@"; do
+        # shellcheck disable=SC2086
+        read -r median min max < <(stats ${figures_runs[$target]})
+        figures_medians[$target]=$median
+        line+=" $target $median $unit (min/median/max $min/$median/$max),"
+    done
+    printf '%s' "${line%,}"
+}

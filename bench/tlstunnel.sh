@@ -64,29 +64,11 @@ done
 
 # measure MODE ARGUMENT LABEL UNIT: each pair in turn, REPEAT times; one figure line.
 measure() {
-    local mode=$1 argument=$2 label=$3 unit=$4
     local -A runs=() medians=()
-    for _ in $(seq 1 "$REPEAT"); do
-        for target in corvane stunnel tcp; do
-            case $target in
-                corvane) port=$corvane_port ;;
-                stunnel) port=$stunnel_port ;;
-                tcp) port=$tcp_port ;;
-            esac
-            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$port" "$argument")"
-        done
-    done
-    local line="$label:" median min max
-    for target in corvane stunnel tcp; do
-        # shellcheck disable=SC2086
-        read -r median min max < <(stats ${runs[$target]})
-        medians[$target]=$median
-        line+=" $target $median $unit (min/median/max $min/$median/$max),"
-    done
-    line=${line%,}
-    line+=$(awk -v c="${medians[corvane]}" -v s="${medians[stunnel]}" -v t="${medians[tcp]}" \
-        'BEGIN { printf "; corvane/stunnel %.2f, corvane tls/tcp %.2f", c / s, c / t }')
-    echo "$line"
+    collect runs "$1" "$2" corvane stunnel tcp
+    figures "$3" "$4" runs medians corvane stunnel tcp
+    awk -v c="${medians[corvane]}" -v s="${medians[stunnel]}" -v t="${medians[tcp]}" \
+        'BEGIN { printf "; corvane/stunnel %.2f, corvane tls/tcp %.2f\n", c / s, c / t }'
 }
 
 measure bulk "$BULK_BYTES" "TLS tunnel pair throughput" "MB/s"

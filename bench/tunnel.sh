@@ -38,43 +38,21 @@ socat "TCP-LISTEN:$socat_port,bind=127.0.0.1,fork,reuseaddr" "TCP:127.0.0.1:$ser
 pids+=($!)
 wait_for accepting "$socat_port"
 
-port_of() {
-    case $1 in
-        corvane) echo "$corvane_port" ;;
-        socat) echo "$socat_port" ;;
-        direct) echo "$server_port" ;;
-    esac
-}
+direct_port=$server_port
 
-# report LABEL UNIT RUNS_VARIABLE: one figure line from an associative array of values per
-# target, with min/median/max and the ratios.
+# report LABEL UNIT RUNS: one figure line with the ratios against socat and the direct connection.
 report() {
-    local label=$1 unit=$2
-    local -n values=$3
-    local line="$label:" median
     local -A medians=()
-    for target in corvane socat direct; do
-        # shellcheck disable=SC2086
-        read -r median min max < <(stats ${values[$target]})
-        medians[$target]=$median
-        line+=" $target $median $unit (min/median/max $min/$median/$max),"
-    done
-    line=${line%,}
-    line+=$(awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
-        'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f", c / s, c / d }')
-    echo "$line"
+    figures "$1" "$2" "$3" medians corvane socat direct
+    awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
+        'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f\n", c / s, c / d }'
 }
 
 # measure MODE ARGUMENT LABEL UNIT: runs each target in turn, REPEAT times, and prints one line.
 measure() {
-    local mode=$1 argument=$2 label=$3 unit=$4
     local -A runs=()
-    for _ in $(seq 1 "$REPEAT"); do
-        for target in corvane socat direct; do
-            runs[$target]+=" $("$TUNNELBENCH" "$mode" "$(port_of $target)" "$argument")"
-        done
-    done
-    report "$label" "$unit" runs
+    collect runs "$1" "$2" corvane socat direct
+    report "$3" "$4" runs
 }
 
 measure bulk "$BULK_BYTES" "tunnel throughput" "MB/s"
@@ -87,7 +65,8 @@ latency() {
     local -A p50s=() p99s=()
     for _ in $(seq 1 "$REPEAT"); do
         for target in corvane socat direct; do
-            read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "$(port_of $target)" "$LATENCY_ROUNDS")
+            local port_variable="${target}_port"
+            read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "${!port_variable}" "$LATENCY_ROUNDS")
             p50s[$target]+=" $p50"
             p99s[$target]+=" $p99"
         done

@@ -46,25 +46,11 @@ done
 
 # measure MODE ARGUMENT LABEL UNIT: each pair in turn, REPEAT times; one figure line.
 measure() {
-    local mode=$1 argument=$2 label=$3 unit=$4
     local -A runs=() medians=()
-    for _ in $(seq 1 "$REPEAT"); do
-        for target in ws wss tcp; do
-            local variable="${target}_port"
-            runs[$target]+=" $("$TUNNELBENCH" "$mode" "${!variable}" "$argument")"
-        done
-    done
-    local line="$label:" median min max
-    for target in ws wss tcp; do
-        # shellcheck disable=SC2086
-        read -r median min max < <(stats ${runs[$target]})
-        medians[$target]=$median
-        line+=" $target $median $unit (min/median/max $min/$median/$max),"
-    done
-    line=${line%,}
-    line+=$(awk -v w="${medians[ws]}" -v s="${medians[wss]}" -v t="${medians[tcp]}" \
-        'BEGIN { printf "; ws/tcp %.2f (aim 0.7), wss/tcp %.2f (aim 0.5)", w / t, s / t }')
-    echo "$line"
+    collect runs "$1" "$2" ws wss tcp
+    figures "$3" "$4" runs medians ws wss tcp
+    awk -v w="${medians[ws]}" -v s="${medians[wss]}" -v t="${medians[tcp]}" \
+        'BEGIN { printf "; ws/tcp %.2f (aim 0.7), wss/tcp %.2f (aim 0.5)\n", w / t, s / t }'
 }
 
 measure bulk "$BULK_BYTES" "WebSocket tunnel pair throughput" "MB/s"
