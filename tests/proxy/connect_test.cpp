@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "childprocess.h"
 #include "echoserver.h"
 #include "expect.h"
 #include "environment.h"
@@ -259,29 +260,9 @@ TEST_F(ProxyConnect, OnlyNegotiateOrNtlmAreTriedAndNegotiateWins) {
     EXPECT_EQ(target.accepted(), 1);
 }
 
-// Sets or removes one variable for the life of the object.
-class ScopedVariable {
-public:
-    ScopedVariable(const char * name, const char * value) : m_name(name) {
-        if (const char * old = std::getenv(name)) {
-            m_old = old;
-            m_had = true;
-        }
-        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-    }
-    ~ScopedVariable() { m_had ? setenv(m_name, m_old.c_str(), 1) : unsetenv(m_name); }
-    ScopedVariable(const ScopedVariable &) = delete;
-    ScopedVariable & operator=(const ScopedVariable &) = delete;
-
-private:
-    const char * m_name;
-    std::string m_old;
-    bool m_had = false;
-};
-
 TEST_F(ProxyConnect, NegotiateForAUserWithoutCredentialsFailsOverToTheNextWay) {
-    ScopedVariable noTicket("KRB5CCNAME", "FILE:/nonexistent/corvane-no-ticket");
-    ScopedVariable noNtlmUser("NTLM_USER_FILE", nullptr);
+    corvane_test::ScopedEnv noTicket("KRB5CCNAME", "FILE:/nonexistent/corvane-no-ticket");
+    corvane_test::ScopedEnv noNtlmUser("NTLM_USER_FILE", nullptr);
     ScriptedProxy proxy({{{{"HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Negotiate\r\n"
                             "Content-Length: 0\r\n\r\n"}}}});
     environment.set("http_proxy", proxy.address());

@@ -3,67 +3,33 @@
 // destructor stops it by its PID and removes the folder.
 #pragma once
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "childprocess.h"
 #include "sockets.h"
-
-extern char ** environ;
 
 namespace corvane_test {
 
 class Tinyproxy {
 public:
-    Tinyproxy() {
-        char folder[] = "/tmp/corvane-tinyproxy-XXXXXX";
-        m_folder = mkdtemp(folder);
-        {
-            // A port that was free a moment ago; tinyproxy takes its port from the file.
-            int fd = LoopbackListen(m_port);
-            close(fd);
-        }
-        std::ofstream config(path("tinyproxy.conf"));
-        config << "Port " << m_port << "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 30\nMaxClients 50\n"
-               << "PidFile \"" << path("tinyproxy.pid") << "\"\nLogFile \"" << path("tinyproxy.log") << "\"\n"
-               << "LogLevel Info\nDisableViaHeader Yes\n";
-        config.close();
-        std::string configPath = path("tinyproxy.conf");
-        char * argv[] = {const_cast<char *>("tinyproxy"), const_cast<char *>("-d"), const_cast<char *>("-c"),
-                         const_cast<char *>(configPath.c_str()), nullptr};
-        if (posix_spawnp(&m_pid, "tinyproxy", nullptr, nullptr, argv, environ) != 0) {
-            m_pid = -1;
-            return;
-        }
-        for (int i = 0; i < 250; ++i) {
+    Tinyproxy() : m_dir("corvane-tinyproxy"), m_port(FreeLoopbackPort()) {
+        WriteFile(path("tinyproxy.conf"), "Port " + std::to_string(m_port) +
+                                              "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 30\nMaxClients 50\n"
+                                              "PidFile \"" + path("tinyproxy.pid") + "\"\nLogFile \"" +
+                                              path("tinyproxy.log") + "\"\nLogLevel Info\nDisableViaHeader Yes\n");
+        m_pid = Spawn({"tinyproxy", "-d", "-c", path("tinyproxy.conf")}, path("tinyproxy.out"));
+        for (int i = 0; i < 250 && !m_ready; ++i) {
             int fd = LoopbackConnect(m_port);
             if (fd >= 0) {
                 close(fd);
                 m_ready = true;
-                return;
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
-    ~Tinyproxy() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, nullptr, 0);
-        }
-        for (const char * name : {"tinyproxy.conf", "tinyproxy.pid", "tinyproxy.log"}) {
-            std::remove(path(name).c_str());
-        }
-        rmdir(m_folder.c_str());
-    }
+    ~Tinyproxy() { Kill(m_pid); }
     Tinyproxy(const Tinyproxy &) = delete;
     Tinyproxy & operator=(const Tinyproxy &) = delete;
 
@@ -71,10 +37,7 @@ public:
     std::string address() const { return "127.0.0.1:" + std::to_string(m_port); }
     // How often the log names `text`.
     int logged(const std::string & text) const {
-        std::ifstream file(path("tinyproxy.log"));
-        std::stringstream content;
-        content << file.rdbuf();
-        std::string log = content.str();
+        const std::string log = ReadFile(path("tinyproxy.log"));
         int count = 0;
         for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
             ++count;
@@ -83,10 +46,10 @@ public:
     }
 
 private:
-    std::string path(const char * name) const { return m_folder + "/" + name; }
+    std::string path(const char * name) const { return m_dir.path() + "/" + name; }
 
-    std::string m_folder;
-    unsigned short m_port = 0;
+    TempDir m_dir;
+    unsigned short m_port;
     pid_t m_pid = -1;
     bool m_ready = false;
 };
