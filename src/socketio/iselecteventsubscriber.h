@@ -21,8 +21,12 @@ public:
     // overrides noexcept; the interface leaves it open so that the reactor's guard against a
     // subscriber that throws anyway (it logs, closes and drops that one) stays reachable.
     virtual bool onEvents(const short & events, const std::uint64_t & now) = 0;
-    // The reactor stores the invalid handle through this reference when it closes the socket.
+    // Read on the reactor thread, or under the reactor's lock (SelectReactor::ForeignThreadGuard).
     virtual unsigned int & getSocket() = 0;
+    // The one way the descriptor is closed, by the reactor or by the owner's close(): closes it
+    // once and stores the invalid handle, under the reactor's lock. A subscriber that uses the
+    // number on other threads as well (a host thread's send) overrides it to exclude that use.
+    virtual void closeSocket();
     virtual SelectReactor * getReactor() const = 0;
     // Added (reactor set, now the tick) or removed (null, 0). The subscriber keeps a
     // counted reference to the reactor and takes `now` as its last event time.

@@ -34,14 +34,10 @@ SelectReactor::SelectReactor(int deadSocketCheckInterval, int deadSocketTimeout,
       m_bRunning(false),
       m_hThread(nullptr),
       m_threadId(0),
-      m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_wakeFd(-1),
       m_bWakePending(false),
       m_bLockHeldByThread(false) {
     LOG4CXX_TRACE(logger, "ctor");
-    if (m_wakeFd < 0) {
-        LOG4CXX_WARN(logger, "no eventfd for waking the reactor (" << SystemErrorText(errno)
-                                                                    << "): posted commands wait for the time-out");
-    }
 }
 
 SelectReactor::~SelectReactor() {
@@ -86,7 +82,21 @@ void SelectReactor::startProcessing() {
     Common::ScopedLock guard(&m_lock);
     m_bRunning = true;
     m_threadId = 0;
-    Common::PlatformThread::Create(0, this, &m_hThread);
+    if (m_wakeFd < 0) {
+        m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        m_bWakePending = false;
+        if (m_wakeFd < 0) {
+            LOG4CXX_WARN(logger, "no eventfd for waking the reactor (" << SystemErrorText(errno)
+                                                                        << "): posted commands wait for the time-out");
+        }
+    }
+    if (!Common::PlatformThread::Create(0, this, &m_hThread)) {
+        // pids.max, RLIMIT_NPROC or the address space: nothing would ever signal the start.
+        const int error = errno;
+        m_bRunning = false;
+        m_hThread = nullptr;
+        throw InternalException(("cannot start the reactor thread: " + SystemErrorText(error)).c_str(), true);
+    }
     while (m_threadId.load() == 0) {
         m_conditionStarted.Wait();
     }
@@ -111,6 +121,12 @@ void SelectReactor::stopProcessing() {
         Common::ScopedLock guard(&m_lock);
         m_hThread = nullptr;
         m_threadId = 0;
+        // A stopped reactor holds no descriptor: a channel that outlives its host's references
+        // (the hand-over to openChannel's caller) may keep the reactor object for a while.
+        if (m_wakeFd >= 0) {
+            ::close(m_wakeFd);
+            m_wakeFd = -1;
+        }
         commands.swap(m_vectorCommand);
         failed.swap(m_vectorFailedSubscriber);
         subscribers.swap(m_vectorSelectEventSubscriber);
@@ -265,13 +281,9 @@ void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
         if (last == 0 || now - last <= timeout) {
             continue;
         }
-        unsigned int & socket = subscriber->getSocket();
-        LOG4CXX_WARN(logger, "clearDeadSockets: subscriber to peer '" << SocketPeerAddress(socket)
+        LOG4CXX_WARN(logger, "clearDeadSockets: subscriber to peer '" << SocketPeerAddress(subscriber->getSocket())
                                                                       << "' timed out and is being terminated");
-        if (socket != INVALID_SOCKET_HANDLE) {
-            SocketClose(socket);
-            socket = INVALID_SOCKET_HANDLE;
-        }
+        subscriber->closeSocket();
         removeSubscriber(subscriber.get());
         // The read path finds the closed socket and tells its handler that the connection is gone.
         subscriber->onEvents(SELECT_EVENT_READ, now);
@@ -319,11 +331,7 @@ void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vecto
         if (!ok) {
             Common::ScopedLock guard(&m_lock);
             m_bLockHeldByThread = true;
-            unsigned int & own = subscriber->getSocket();
-            if (own != INVALID_SOCKET_HANDLE) {
-                SocketClose(own);
-                own = INVALID_SOCKET_HANDLE;
-            }
+            subscriber->closeSocket();
             removeSubscriber(subscriber.get());
             m_conditionDone.Broadcast();
             m_bLockHeldByThread = false;
@@ -464,6 +472,13 @@ void CloseSubscriber(ISelectEventSubscriber * subscriber, Common::SmartPtr<Selec
         registeredWith->unregisterSubscriber(subscriber);
     }
     SelectReactor::ForeignThreadGuard guard(home);
+    if (socket != INVALID_SOCKET_HANDLE) {
+        subscriber->closeSocket();
+    }
+}
+
+void ISelectEventSubscriber::closeSocket() {
+    unsigned int & socket = getSocket();
     if (socket != INVALID_SOCKET_HANDLE) {
         SocketClose(socket);
         socket = INVALID_SOCKET_HANDLE;

@@ -7,6 +7,21 @@
 // The wait is poll(2) over an array built each cycle from the subscribers' masks, so
 // descriptors of any value work; the count limits of the classic select sets are kept:
 // at most 1023 subscribers and 1024 sockets per set (the wake-up descriptor counts in none).
+//
+// The lifetime rule of every channel and server, whatever its transport:
+// - An object handed to a host stays alive until the host lets it go, whatever the peer does:
+//   openChannel and startChannelServer keep one reference for their caller
+//   (Common::KeepForCaller), the reactor holds a subscriber while it is in the list, and a
+//   dispatch holds its own copy, so a callback that drops the last outside reference never
+//   frees the object under the reactor.
+// - A descriptor is closed exactly once, through ISelectEventSubscriber::closeSocket under
+//   this reactor's lock: by the reactor when onEvents answers false or the sweep ends a silent
+//   subscriber, or by the owner's close() (CloseSubscriber) after the reactor let it go.
+//   Whoever comes first closes it and stores the invalid handle; nothing (a send, a TLS record,
+//   a close frame, a peek) touches the number after that, since the system hands it out again
+//   at once.
+// - A callback's failure ends only its own channel: the reactor catches what a subscriber
+//   lets escape, closes that one and goes on.
 #pragma once
 
 #include <atomic>
@@ -33,6 +48,7 @@ public:
     ~SelectReactor() override;
 
     // Any thread but the reactor's; returns when the thread runs. Allowed again after a stop.
+    // Throws socketio::InternalException when the system gives no thread.
     void startProcessing() override;
     // Any thread but the reactor's; stops and joins the thread, then drops every command,
     // refused and registered subscriber without calling them.
@@ -131,7 +147,8 @@ private:
     SubscriberList m_vectorFailedSubscriber;       // GUARDED_BY(m_lock)
     std::vector<Command> m_vectorCommand;          // GUARDED_BY(m_lock)
     // eventfd in every wait, written when a command is posted or the reactor is stopped;
-    // -1 if the system gave none (a posted command then waits for the time-out).
+    // made by startProcessing and closed by stopProcessing; -1 while stopped or if the system
+    // gave none (a posted command then waits for the time-out).
     int m_wakeFd;
     bool m_bWakePending;                           // GUARDED_BY(m_lock)
     // Reactor thread only: whether the reactor thread holds m_lock right now. Its own

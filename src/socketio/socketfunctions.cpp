@@ -238,14 +238,19 @@ unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const sock
 net::URI SocketLocalURI(unsigned int socket, bool unmapIPv4, const char * scheme) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    getsockname(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length);
+    // A peer that reset at once leaves no address: the system's cause is the useful text.
+    if (getsockname(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        throw SocketException("getsockname");
+    }
     return net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, unmapIPv4, scheme);
 }
 
 net::URI SocketPeerURI(unsigned int socket, const char * scheme) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    getpeername(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length);
+    if (getpeername(static_cast<int>(socket), reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        throw SocketException("getpeername");
+    }
     return net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, true, scheme);
 }
 

@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <exception>
 
 #include "common/logging.h"
+#include "tcp/tcpchannelserver.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
 
@@ -48,6 +50,10 @@ void TCPChannel::close() {
     LOG4CXX_INFO(logger, "close[" << m_description << "]()");
     m_closedByOwner = true;
     socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
+    // The reactor is done with the channel: it lets go of what it holds, so that a channel kept
+    // for a while longer (the hand-over to openChannel's caller) keeps neither alive.
+    setChannelHandler(nullptr);
+    m_homeReactor = nullptr;
 }
 
 void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
@@ -77,22 +83,42 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
     }
     // A setChannelHandler or close from inside a callback must not destroy the running handler.
     Common::SmartPtr<net::IChannelHandler> handler = m_channelHandler;
-    if ((events & socketio::SELECT_EVENT_READ) != 0) {
-        char byte;
-        ssize_t peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
-        if (peeked == 0) {
-            handler->onClose();
-            return false;
+    bool ending = false;  // onClose or onError has been called: it was the handler's last call
+    try {
+        if ((events & socketio::SELECT_EVENT_READ) != 0) {
+            char byte;
+            ssize_t peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
+            if (peeked <= 0) {
+                ending = true;
+            }
+            if (peeked == 0) {
+                handler->onClose();
+                return false;
+            }
+            if (peeked < 0) {
+                // Every failure ends the channel, a socket closed by the reactor's sweep included.
+                handler->onError();
+                return false;
+            }
+            handler->onRead(this);
         }
-        if (peeked < 0) {
-            // Every failure ends the channel, a socket closed by the reactor's sweep included.
-            handler->onError();
-            return false;
+        if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
+            handler->onWrite(this);
         }
-        handler->onRead(this);
-    }
-    if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
-        handler->onWrite(this);
+    } catch (const std::exception & e) {
+        // A handler's failure (a send on another channel that threw, say) ends this channel
+        // only, never the process; the handler hears of the end as of any failed connection.
+        LOG4CXX_ERROR(logger, "exception caught in a handler of [" << m_description << "]: " << e.what());
+        if (!ending) {
+            TellHandlerOfFailure(handler.get());
+        }
+        return false;
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "unknown exception caught in a handler of [" << m_description << "]");
+        if (!ending) {
+            TellHandlerOfFailure(handler.get());
+        }
+        return false;
     }
     return true;
 }
@@ -110,9 +136,20 @@ int TCPChannel::recv(int length, void * buffer) {
 }
 
 int TCPChannel::send(int length, const void * buffer) {
+    std::lock_guard<std::mutex> guard(m_socketLock);
+    if (m_socket == socketio::INVALID_SOCKET_HANDLE) {
+        // What the system answers for the invalid handle, without asking it.
+        errno = EBADF;
+        return errorOrContinue(m_sendFailureLogged);
+    }
     // MSG_NOSIGNAL: a peer that has gone must never kill the host with SIGPIPE.
     ssize_t sent = ::send(static_cast<int>(m_socket), buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
     return sent >= 0 ? static_cast<int>(sent) : errorOrContinue(m_sendFailureLogged);
+}
+
+void TCPChannel::closeSocket() {
+    std::lock_guard<std::mutex> guard(m_socketLock);
+    ISelectEventSubscriber::closeSocket();
 }
 
 }  // namespace tcp

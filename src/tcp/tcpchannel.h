@@ -2,10 +2,13 @@
 // byte stream and has no buffer: reactor events become handler calls, reads and writes go
 // straight to the socket. Kept alive by the reactor while registered and by its owner's
 // references; it does not own its handler's thread rules: callbacks run on the reactor thread.
+// Its descriptor is closed once, by the reactor when the connection ends or by close(), through
+// closeSocket, which a send on another thread excludes.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "corvane/channel.h"
@@ -45,17 +48,24 @@ public:
     short getEventMask() noexcept override;
     bool onEvents(const short & events, const std::uint64_t & now) noexcept override;
     unsigned int & getSocket() override { return m_socket; }
+    // Under the reactor's lock; waits for a send of another thread that is using the number.
+    void closeSocket() override;
     socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
     void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
     std::uint64_t getLastEventTime() const override { return m_lastEventTime; }
 
     // The socket's recv, result as it stands: negative also when no data is waiting.
     int recv(int length, void * buffer) override;
-    // Any thread. Bytes taken; 0 when the socket buffer is full; -1 when the send failed.
+    // Any thread. Bytes taken; 0 when the socket buffer is full; -1 when the send failed or
+    // the socket is closed already.
     int send(int length, const void * buffer) override;
 
 private:
+    // Written by closeSocket under m_socketLock (and the reactor's lock); read under either.
     unsigned int m_socket;
+    // Keeps a send of a host thread and the close of the number apart: without it the send
+    // could reach a connection that took the number after the close.
+    std::mutex m_socketLock;
     Common::SmartPtr<net::IChannelHandler> m_channelHandler;
     // The handler's read-interest face, if it has one; found when the handler is set.
     socketio::IReadInterest * m_readInterest;

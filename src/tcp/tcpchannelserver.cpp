@@ -85,13 +85,16 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
 void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) noexcept {
     Common::SmartPtr<TCPChannel> channel;
     Common::SmartPtr<net::IChannelHandler> handler;
+    // The acceptor may close this server from inside accept (a one-shot server), which lets go
+    // of m_reactor; the connection it accepted lives on with the same reactor.
+    Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
-        channel = new TCPChannel(socket, m_reactor.get());
+        channel = new TCPChannel(socket, reactor.get());
         handler = m_acceptor->accept(channel.get());
         if (handler) {
             channel->setChannelHandler(handler.get());
-            m_reactor->registerSubscriber(channel.get());
+            reactor->registerSubscriber(channel.get());
             return;
         }
     } catch (const std::exception & e) {
@@ -104,11 +107,8 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     if (channel) {
         // The acceptor's side may close the channel on another thread at the same moment
         // (a tunnel whose target failed at once): whoever comes first closes the descriptor.
-        socketio::SelectReactor::ForeignThreadGuard guard(m_reactor.get());
-        if (channel->getSocket() != socketio::INVALID_SOCKET_HANDLE) {
-            socketio::SocketClose(channel->getSocket());
-            channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
-        }
+        socketio::SelectReactor::ForeignThreadGuard guard(reactor.get());
+        channel->closeSocket();
     } else {
         socketio::SocketClose(socket);
     }

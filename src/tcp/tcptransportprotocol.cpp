@@ -1,5 +1,6 @@
 #include "tcp/tcptransportprotocol.h"
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/optionmap.h"
@@ -63,6 +64,9 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
         }
         throw;
     }
+    // The reactor may drop the channel at once (a peer that closed right after connecting):
+    // the caller's reference is kept until it has taken the pointer.
+    Common::KeepForCaller(channel.get());
     return channel.get();
 }
 
@@ -87,6 +91,7 @@ net::IChannelServer * TCPTransportProtocol::startChannelServer(net::IReactor * r
         }
         throw;
     }
+    Common::KeepForCaller(server.get());
     return server.get();
 }
 

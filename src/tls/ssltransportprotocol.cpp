@@ -2,6 +2,7 @@
 
 #include <openssl/err.h>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "net/optionmap.h"
 #include "proxy/proxyresolver.h"
@@ -144,6 +145,7 @@ net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const
         channel->setChannelHandler(nullptr);
         throw;
     }
+    Common::KeepForCaller(channel.get());
     return channel.get();
 }
 
@@ -177,6 +179,7 @@ net::IChannelServer * SSLTransportProtocol::startChannelServer(net::IReactor * r
         server->getSocket() = socketio::INVALID_SOCKET_HANDLE;
         throw;
     }
+    Common::KeepForCaller(server.get());
     return server.get();
 }
 

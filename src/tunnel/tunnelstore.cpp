@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/internalexception.h"
@@ -154,6 +155,8 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * end
     // Blocks for as long as the connection takes, proxy traversal and handshakes included.
     Common::SmartPtr<IChannel> channel(m_factory->openChannel(m_reactor.get(), uri.c_str(), newEndPoint.get(),
                                                               options.c_str()));
+    // Taken: this worker need not keep the channel (and its ring) for its next connection.
+    Common::KeepForCaller(nullptr);
     try {
         newEndPoint->setChannel(channel.get());
         storeTunnel(newEndPoint.get());

@@ -1,5 +1,6 @@
 #include "websocket/websockettransportprotocol.h"
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "net/optionmap.h"
 #include "proxy/proxysocketconnect.h"
@@ -50,6 +51,7 @@ net::IChannel * finishClient(WebSocketChannel * channel, net::IReactor * reactor
         channel->close();
         throw;
     }
+    Common::KeepForCaller(channel);
     return channel;
 }
 
@@ -64,6 +66,7 @@ net::IChannelServer * startServer(net::IChannelAcceptor * acceptor, bool secure,
         return nullptr;
     }
     webSocketServer->setServer(server.get(), localUri.c_str());
+    Common::KeepForCaller(webSocketServer.get());
     return webSocketServer.get();
 }
 }  // namespace
@@ -118,6 +121,7 @@ net::IChannel * WebSocketTransportProtocol::openChannel2(net::IReactor * reactor
         channel->close();
         throw;
     }
+    Common::KeepForCaller(channel.get());
     return channel.get();
 }
 

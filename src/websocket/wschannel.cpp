@@ -102,7 +102,8 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
                 ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());
         }
         if (!m_bOpen) {
-            std::string text = m_Connection->get_ec().message();
+            // A peer that closed during the handshake has taken the connection with it.
+            std::string text = m_Connection ? m_Connection->get_ec().message() : "connection closed during the handshake";
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
             }
