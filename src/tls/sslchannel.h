@@ -14,11 +14,14 @@
 // the number after that close, since the kernel may have given it to another connection: the
 // channel looks at the handle under the home reactor's lock (SelectReactor::ForeignThreadGuard),
 // which is the lock the reactor closes it under, and frees the SSL without a word to the peer
-// once the socket is gone.
+// once the socket is gone. On the reactor's own thread that lock is not taken: the reactor,
+// busy with the calling callback, closes nothing meanwhile, and a handler may hold its own
+// locks there, which the reactor takes under its lock when it asks hasPendingWrite.
 #pragma once
 
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -89,6 +92,8 @@ private:
     void terminateConnection_i();
     // Reactor thread: the handler's part of an event, which may throw.
     bool dispatch(net::IChannelHandler * handler, short events);
+    // Whether the caller runs on the thread of the reactor the channel is registered with.
+    bool onReactorThread() const;
 
     unsigned int m_socket;
     std::uint64_t m_lastEventTime;
@@ -97,6 +102,8 @@ private:
     // kept after removal so that close() and send() on a host thread can synchronise with the
     // reactor ending the channel. Not changed once set.
     Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
+    // The thread that registered the channel with its reactor (the reactor's); 0 before.
+    std::atomic<unsigned long> m_reactorThread;
     SSL * m_ssl;  // GUARDED_BY(m_lock)
     std::string m_localURI;
     std::string m_peerURI;
