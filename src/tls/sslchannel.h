@@ -74,7 +74,9 @@ public:
     // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible); 0 when
     // nothing was taken now, also when OpenSSL wants the write repeated (then with the same
     // bytes, at least as many) and while an accepted channel's handshake runs (the handler's
-    // write event comes once it is done); -1 when the connection failed or is closed.
+    // write event comes once it is done); -1 when the connection failed or is closed. Off the
+    // reactor thread it takes the reactor's lock, as close() does: not to be called holding a
+    // lock that the handler's hasPendingWrite or wantsRead takes.
     int send(int length, const void * buffer) override;
 
     // Reactor thread: one step of the server handshake. False when it failed.

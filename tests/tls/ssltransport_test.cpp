@@ -566,13 +566,13 @@ TEST_F(TlsTransport, SweepClosedSocketGetsNoCloseNotify) {
     ASSERT_TRUE(waitFor([&] { return client->ended() && acceptor->handlers[0]->ended(); }));
     log4cxx::Logger::getRootLogger()->removeAppender(hook);
     EXPECT_EQ(client->errors.load(), 1);
-    std::lock_guard<std::mutex> guard(mutex);
+    channel->close();
+    server->close();
+    std::lock_guard<std::mutex> guard(mutex);  // the hook is gone: the lock only orders the reads
     ASSERT_FALSE(takers.empty()) << "no sweep closed a socket";
     for (const auto & taker : takers) {
         EXPECT_TRUE(taker->untouched()) << "TLS bytes went into descriptor " << taker->taken;
     }
-    channel->close();
-    server->close();
 }
 
 // A one-shot server: its acceptor closes it from inside accept. The connection accepted in
