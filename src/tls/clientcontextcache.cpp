@@ -1,10 +1,13 @@
 #include "tls/clientcontextcache.h"
 
+#include <dirent.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
+#include <vector>
 
 #include "net/optionmap.h"
 
@@ -27,6 +30,28 @@ void describe(std::ostream & out, const std::string & path) {
         << status.st_ctim.tv_nsec << ';';
 }
 
+// A CAPath directory and every file in it: OpenSSL reads these files when a verification
+// needs them, so one replaced in place (which leaves the directory's own times alone) must
+// show here too. The names come sorted, so that the order of readdir(3) does not matter.
+void describeDirectory(std::ostream & out, const std::string & directory) {
+    describe(out, directory);
+    DIR * stream = opendir(directory.c_str());
+    if (stream == nullptr) {
+        return;
+    }
+    std::vector<std::string> names;
+    while (const dirent * entry = readdir(stream)) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    closedir(stream);
+    std::sort(names.begin(), names.end());
+    for (const std::string & name : names) {
+        describe(out, directory + '/' + name);
+    }
+}
+
 std::string environmentOr(const char * name, const char * fallback) {
     const char * value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : fallback;
@@ -36,8 +61,13 @@ std::string environmentOr(const char * name, const char * fallback) {
 // ask for them, the system's trust locations (as tools::SSLContext finds them).
 std::string fingerprint(const net::OptionMap & options) {
     std::ostringstream out;
-    for (const char * key : {"CertificateFile", "PrivateKeyFile", "CAFile", "CAPath", "PKCS12File"}) {
+    for (const char * key : {"CertificateFile", "PrivateKeyFile", "CAFile", "PKCS12File"}) {
         describe(out, options.get(key, ""));
+    }
+    // Like OpenSSL's directory lookup, a list of directories separated by ':'.
+    std::istringstream caPaths(options.get("CAPath", ""));
+    for (std::string directory; std::getline(caPaths, directory, ':');) {
+        describeDirectory(out, directory);
     }
     const bool systemStores = net::OptionMap::isTrue(options.get("LoadCryptoCertStore", "true"));
     const bool defaultPaths = options.get("CAFile", "").empty() && options.get("CAPath", "").empty();

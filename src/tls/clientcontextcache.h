@@ -1,7 +1,8 @@
 // ssl::ClientContextCache: the set-up TLS contexts of a protocol's client connections, one per
 // option text. Building a context reads every file and system store that the options name,
 // which costs far more than a handshake; a context is therefore built once and reused until
-// one of those files or directories changes. Owned by its protocol; any thread.
+// one of those files or directories, or a file inside a CAPath directory, changes. Owned by its
+// protocol; any thread.
 #pragma once
 
 #include <map>

@@ -9,8 +9,10 @@
 namespace ssl {
 
 // Binds `socket` to `ssl` for both directions, in place of SSL_set_fd(3); the socket stays the
-// caller's to close. False when OpenSSL could not make the BIO (its error queue says why).
-// Any thread.
+// caller's to close. The BIO keeps the number, not the socket: once the socket is closed, no
+// call on `ssl` that may read or write (SSL_read, SSL_write, SSL_peek, SSL_shutdown) is made any
+// more, as the number may already name another descriptor; SSL_free does no I/O. False when
+// OpenSSL could not make the BIO (its error queue says why). Any thread.
 bool SSL_set_socket(SSL * ssl, unsigned int socket);
 
 }  // namespace ssl

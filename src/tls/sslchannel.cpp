@@ -5,8 +5,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <exception>
+#include <optional>
 
 #include "common/logging.h"
+#include "common/platformthread.h"
 #include "socketio/socketfunctions.h"
 #include "tls/sslexception.h"
 
@@ -17,16 +20,30 @@ const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.ssl.SSLChannel");
 
 // What the reactor's read event turned out to be.
 enum class ReadOutcome { Deliver, PeerClosed, Failed, ClosedByOwner };
+
+// Inside a catch block: the words the reactor uses for an exception out of a subscriber.
+void logCaughtException() noexcept {
+    try {
+        throw;
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, "exception caught while dispatching socket event: " << e.what());
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "unknown exception caught while dispatching socket event");
+    }
+}
 }  // namespace
 
-SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone)
+SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socketio::SelectReactor * home)
     : m_socket(socket),
       m_lastEventTime(0),
+      m_homeReactor(home),
+      m_reactorThread(0),
       m_ssl(ssl),
       m_readInterest(nullptr),
       m_handshakeDone(handshakeDone),
       m_endPending(false),
-      m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE) {
+      m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE),
+      m_handlerFailed(false) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     if (ssl != nullptr) {
@@ -64,8 +81,12 @@ void SSLChannel::setChannelHandler(net::IChannelHandler * handler) {
 
 void SSLChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
     m_reactor = reactor;
-    if (reactor != nullptr && !m_homeReactor) {
-        m_homeReactor = reactor;
+    if (reactor != nullptr) {
+        // Called on the reactor's thread when it takes the channel in.
+        m_reactorThread = Common::PlatformThread::CurrentId();
+        if (!m_homeReactor) {
+            m_homeReactor = reactor;
+        }
     }
     m_lastEventTime = now;
 }
@@ -96,6 +117,9 @@ short SSLChannel::getEventMask() noexcept {
         pending = m_ssl != nullptr && handshakeDone ? SSL_pending(m_ssl) : 0;
         endPending = m_endPending;
     }
+    if (m_handlerFailed) {
+        return socketio::SELECT_EVENT_PENDING;
+    }
     if (!handshakeDone) {
         // A handler's wish to write has no effect before the handshake is done.
         return m_handshakeEvents;
@@ -105,16 +129,23 @@ short SSLChannel::getEventMask() noexcept {
     }
     // The end of the connection is told whether or not the handler wants bytes.
     short mask = endPending ? socketio::SELECT_EVENT_PENDING : 0;
-    if (readInterest == nullptr || readInterest->wantsRead()) {
-        mask |= socketio::SELECT_EVENT_READ;
-        // Bytes that OpenSSL decoded and the handler left unread are not in the socket any
-        // more: without this the handler would wait for the peer's next record.
-        if (pending > 0) {
-            mask |= socketio::SELECT_EVENT_PENDING;
+    try {
+        if (readInterest == nullptr || readInterest->wantsRead()) {
+            mask |= socketio::SELECT_EVENT_READ;
+            // Bytes that OpenSSL decoded and the handler left unread are not in the socket any
+            // more: without this the handler would wait for the peer's next record.
+            if (pending > 0) {
+                mask |= socketio::SELECT_EVENT_PENDING;
+            }
         }
-    }
-    if (handler->hasPendingWrite()) {
-        mask |= socketio::SELECT_EVENT_WRITE;
+        if (handler->hasPendingWrite()) {
+            mask |= socketio::SELECT_EVENT_WRITE;
+        }
+    } catch (...) {
+        // The handler is not asked again; the event that follows at once ends this channel.
+        logCaughtException();
+        m_handlerFailed = true;
+        return socketio::SELECT_EVENT_PENDING;
     }
     return mask;
 }
@@ -123,7 +154,6 @@ bool SSLChannel::onEvents(const short & events, const std::uint64_t & now) noexc
     m_lastEventTime = now;
     // A setChannelHandler or close from inside a callback must not destroy the running handler.
     Common::SmartPtr<net::IChannelHandler> handler;
-    bool handshakeDone;
     {
         Common::ScopedLock guard(&m_lock);
         if (m_ssl == nullptr) {
@@ -131,11 +161,29 @@ bool SSLChannel::onEvents(const short & events, const std::uint64_t & now) noexc
             return false;
         }
         handler = m_handler;
+    }
+    if (!m_handlerFailed) {
+        try {
+            return dispatch(handler.get(), events);
+        } catch (...) {
+            // A handler that throws ends its own connection, never the process: this frame
+            // is noexcept. No further callback: the handler has just failed in one.
+            logCaughtException();
+        }
+    }
+    terminateConnection();
+    return false;
+}
+
+bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
+    bool handshakeDone;
+    {
+        Common::ScopedLock guard(&m_lock);
         handshakeDone = m_handshakeDone;
     }
     if (m_socket == socketio::INVALID_SOCKET_HANDLE) {
         // The reactor's sweep closed the silent socket; its number may already be reused, so
-        // the connection is not asked any more.
+        // the connection is not asked any more and says nothing to the peer.
         terminateConnection();
         handler->onError();
         return false;
@@ -333,12 +381,31 @@ int SSLChannel::recv(int length, void * buffer) {
     return 0;
 }
 
+bool SSLChannel::onReactorThread() const {
+    return m_reactorThread.load() == Common::PlatformThread::CurrentId();
+}
+
 int SSLChannel::send(int length, const void * buffer) {
+    // The reactor's sweep closes the socket under its lock, and only then tells the channel.
+    std::optional<socketio::SelectReactor::ForeignThreadGuard> socketGuard;
+    if (!onReactorThread()) {
+        socketGuard.emplace(m_homeReactor.get());
+    }
     Common::ScopedLock guard(&m_lock);
+    if (m_ssl != nullptr && m_socket == socketio::INVALID_SOCKET_HANDLE) {
+        terminateConnection_i();
+    }
     if (m_ssl == nullptr) {
         // After close(), or after the connection ended: refused rather than a use of freed memory.
         LOG4CXX_DEBUG(logger, "send: the channel is closed");
         return -1;
+    }
+    if (!m_handshakeDone) {
+        // An accepted channel whose handshake runs: a write now would drive the handshake from
+        // outside the reactor and come back as a wish to read. Nothing is taken; the handler's
+        // pending write is asked for again once the handshake is done.
+        LOG4CXX_TRACE(logger, "send: the TLS/SSL handshake is not finished yet");
+        return 0;
     }
     if (length <= 0) {
         return 0;
@@ -379,6 +446,10 @@ int SSLChannel::send(int length, const void * buffer) {
 }
 
 void SSLChannel::terminateConnection() {
+    std::optional<socketio::SelectReactor::ForeignThreadGuard> socketGuard;
+    if (!onReactorThread()) {
+        socketGuard.emplace(m_homeReactor.get());
+    }
     Common::ScopedLock guard(&m_lock);
     terminateConnection_i();
 }
@@ -386,8 +457,9 @@ void SSLChannel::terminateConnection() {
 void SSLChannel::terminateConnection_i() {
     LOG4CXX_DEBUG(logger, "terminateConnection[" << m_description << "]()");
     if (m_ssl != nullptr) {
-        if (m_handshakeDone) {
-            // Sends close_notify; the peer's answer is not awaited.
+        // Sends close_notify; the peer's answer is not awaited. Not through a closed socket:
+        // its number may belong to another connection by now.
+        if (m_handshakeDone && m_socket != socketio::INVALID_SOCKET_HANDLE) {
             SSL_shutdown(m_ssl);
         }
         SSL_free(m_ssl);

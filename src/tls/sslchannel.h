@@ -7,10 +7,21 @@
 // One lock of the channel guards the OpenSSL connection (OpenSSL allows no two threads on one
 // SSL), the handler reference and the handshake state. It is a leaf lock: held only around
 // OpenSSL calls and member access, never across a handler callback.
+//
+// The descriptor is closed once: by close(), by the server that refuses the channel, or by the
+// reactor (when onEvents answers false, or by its sweep of silent sockets, which closes first
+// and tells the channel afterwards). No TLS I/O (a record, close_notify, a peek) goes through
+// the number after that close, since the kernel may have given it to another connection: the
+// channel looks at the handle under the home reactor's lock (SelectReactor::ForeignThreadGuard),
+// which is the lock the reactor closes it under, and frees the SSL without a word to the peer
+// once the socket is gone. On the reactor's own thread that lock is not taken: the reactor,
+// busy with the calling callback, closes nothing meanwhile, and a handler may hold its own
+// locks there, which the reactor takes under its lock when it asks hasPendingWrite.
 #pragma once
 
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -30,7 +41,10 @@ public:
     // Takes over the connected socket (switched to non-blocking here) and the SSL bound to it.
     // The URIs carry the scheme "ssl", whatever the channel was opened as. The destructor frees
     // neither: the connection ends by close(), or by the reactor when the channel reports its end.
-    SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone);
+    // `home`: the reactor the channel will be registered with, known before anyone else sees the
+    // channel, so that a close() or send() on another thread synchronises with that reactor
+    // closing the socket.
+    SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socketio::SelectReactor * home = nullptr);
     ~SSLChannel() override;
 
     const char * getLocalURI() const override { return m_localURI.c_str(); }
@@ -59,27 +73,39 @@ public:
     int recv(int length, void * buffer) override;
     // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible); 0 when
     // nothing was taken now, also when OpenSSL wants the write repeated (then with the same
-    // bytes, at least as many); -1 when the connection failed or is closed.
+    // bytes, at least as many) and while an accepted channel's handshake runs (the handler's
+    // write event comes once it is done); -1 when the connection failed or is closed. Off the
+    // reactor thread it takes the reactor's lock, as close() does: not to be called holding a
+    // lock that the handler's hasPendingWrite or wantsRead takes.
     int send(int length, const void * buffer) override;
 
     // Reactor thread: one step of the server handshake. False when it failed.
     bool handleAccept();
-    // Any thread: close_notify if the handshake was done (without waiting for the peer's), then
-    // the connection is freed. The socket is left to whoever closes it: close(), or the reactor
-    // once onEvents has answered false.
+    // Any thread: close_notify if the handshake was done and the socket is still open (without
+    // waiting for the peer's), then the connection is freed. The socket is left to whoever
+    // closes it: close(), or the reactor once onEvents has answered false.
     void terminateConnection();
 
 private:
     // m_lock held.
     bool handleAccept_i();
+    // On the reactor thread or under the home reactor's lock as well, so that the socket
+    // cannot be closed meanwhile.
     void terminateConnection_i();
+    // Reactor thread: the handler's part of an event, which may throw.
+    bool dispatch(net::IChannelHandler * handler, short events);
+    // Whether the caller runs on the thread of the reactor the channel is registered with.
+    bool onReactorThread() const;
 
     unsigned int m_socket;
     std::uint64_t m_lastEventTime;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
-    // The reactor this channel was first registered with, kept after removal so that close()
-    // on a host thread can synchronise with the reactor ending the channel.
+    // The reactor this channel belongs to (given at construction, else the first registration),
+    // kept after removal so that close() and send() on a host thread can synchronise with the
+    // reactor ending the channel. Not changed once set.
     Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
+    // The thread that registered the channel with its reactor (the reactor's); 0 before.
+    std::atomic<unsigned long> m_reactorThread;
     SSL * m_ssl;  // GUARDED_BY(m_lock)
     std::string m_localURI;
     std::string m_peerURI;
@@ -93,6 +119,8 @@ private:
     // reports it, even with a silent socket.
     bool m_endPending;                         // GUARDED_BY(m_lock)
     short m_handshakeEvents;                   // reactor thread only
+    // The handler threw while the reactor asked for its mask: the next event ends the channel.
+    bool m_handlerFailed;                      // reactor thread only
     mutable Common::Lock m_lock;
 };
 

@@ -56,6 +56,10 @@ bool SSLChannelServer::onEvents(const short & events, const std::uint64_t & /*no
 }
 
 void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noexcept {
+    // The acceptor may close this server from inside accept (a one-shot server), which clears
+    // m_reactor; the connection accepted before that still goes to the reactor this server
+    // runs on, as channels accepted earlier live on.
+    Common::SmartPtr<socketio::SelectReactor> reactor = m_homeReactor;
     Common::SmartPtr<SSLChannel> channel;
     Common::SmartPtr<net::IChannelHandler> handler;
     SSL * ssl = nullptr;
@@ -67,11 +71,11 @@ void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noex
             throw tools::SSLException();
         }
         // The handshake has not begun: the acceptor knows the peer's address and nothing more.
-        channel = new SSLChannel(socket, ssl, false);
+        channel = new SSLChannel(socket, ssl, false, reactor.get());
         handler = m_acceptor->accept(channel.get());
-        if (handler) {
+        if (handler && reactor) {
             channel->setChannelHandler(handler.get());
-            m_reactor->registerSubscriber(channel.get());
+            reactor->registerSubscriber(channel.get());
             return;
         }
     } catch (const std::exception & e) {
@@ -80,15 +84,25 @@ void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noex
         LOG4CXX_ERROR(logger, "accept failed due to an unknown exception caught");
     }
     // Refused or failed: no TLS alert for the peer. The connection is freed through the channel
-    // and its socket marked closed there too, so that an acceptor that kept the channel cannot
-    // free or close anything again later.
+    // and its socket closed there too, so that an acceptor that kept the channel cannot free or
+    // close anything again later.
     if (channel) {
         channel->terminateConnection();
-        channel->getSocket() = socketio::INVALID_SOCKET_HANDLE;
-    } else if (ssl != nullptr) {
-        SSL_free(ssl);
+        // The acceptor's side may have closed the channel already, or close it on another thread
+        // at this moment: whoever comes first closes the descriptor, and the number, perhaps
+        // taken by a new descriptor since, is not closed again.
+        socketio::SelectReactor::ForeignThreadGuard guard(reactor.get());
+        unsigned int & own = channel->getSocket();
+        if (own != socketio::INVALID_SOCKET_HANDLE) {
+            socketio::SocketClose(own);
+            own = socketio::INVALID_SOCKET_HANDLE;
+        }
+    } else {
+        if (ssl != nullptr) {
+            SSL_free(ssl);
+        }
+        socketio::SocketClose(socket);
     }
-    socketio::SocketClose(socket);
     // A handler whose channel the reactor refused at its limit hears of the end.
     if (handler) {
         tcp::TellHandlerOfFailure(handler.get());

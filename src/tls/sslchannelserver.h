@@ -47,7 +47,9 @@ private:
     unsigned int m_socket;
     Common::SmartPtr<SSLTransportProtocol> m_protocol;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
-    Common::SmartPtr<socketio::SelectReactor> m_homeReactor;  // as in SSLChannel
+    // The reactor this server was registered with, kept after close(): each accepted channel
+    // belongs to it, also one accepted while the acceptor closes the server.
+    Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
     tools::SSLContext m_context;
     Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
     socketio::socket_options m_socketOptions;

@@ -132,7 +132,7 @@ net::IChannel * SSLTransportProtocol::openChannel(net::IReactor * reactor, const
         return nullptr;
     }
 
-    Common::SmartPtr<SSLChannel> channel(new SSLChannel(guard.socket, guard.ssl, true));
+    Common::SmartPtr<SSLChannel> channel(new SSLChannel(guard.socket, guard.ssl, true, selectReactor));
     guard.release();
     try {
         channel->setChannelHandler(handler);

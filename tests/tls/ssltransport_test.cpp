@@ -1,6 +1,10 @@
 // The TLS transport end to end through the channel factory, against real peers (openssl
 // s_server and s_client, raw sockets, an OpenSSL client of the test's own) that share no
 // code with it.
+#include <fcntl.h>
+#include <log4cxx/appenderskeleton.h>
+#include <log4cxx/logger.h>
+#include <log4cxx/spi/loggingevent.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <sys/socket.h>
@@ -9,8 +13,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -196,20 +203,29 @@ TEST_F(TlsTransport, ClientRefusesServersItCannotTrustAndLeavesNothingBehind) {
     }
 }
 
-TEST_F(TlsTransport, ClientContextIsBuiltOnceAndAgainWhenAFileItReadsChanges) {
+// The client context is kept per option text and built again when a file it reads changes:
+// the CA file itself, or a file inside CAPath replaced in place (the directory's own times stay).
+TEST_F(TlsTransport, ReplacedCAFileInCAPathIsNoticed) {
     OpenSSLServer peer(material().serverCert);
+    const std::string caPath = material().directory + "/changing-capath";
+    std::filesystem::remove_all(caPath);
+    std::filesystem::copy(material().caPath, caPath);
+    const std::string hashFile = std::filesystem::directory_iterator(caPath)->path().string();
     const std::string caFile = material().directory + "/changing-ca.pem";
     std::filesystem::copy_file(material().caFile, caFile, std::filesystem::copy_options::overwrite_existing);
-    const std::string options = "LoadCryptoCertStore=false;CAFile=" + caFile;
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    corvane_test::LogCapture log("INFO");
-    open(peer.uri(), client.get(), options)->close();
-    open(peer.uri(), client.get(), options)->close();
-    EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 1u);
-    // Another CA under the same name: the server is not trusted any more.
-    std::filesystem::copy_file(material().expiredCert, caFile, std::filesystem::copy_options::overwrite_existing);
-    EXPECT_EQ(corvane_test::thrownText([&] { open(peer.uri(), client.get(), options); }).rfind("SSL_connect:", 0), 0u);
-    EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 2u);
+    for (const auto & [option, file] : {std::pair{"CAFile=" + caFile, caFile}, std::pair{"CAPath=" + caPath, hashFile}}) {
+        SCOPED_TRACE(option);
+        const std::string options = "LoadCryptoCertStore=false;" + option;
+        Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+        corvane_test::LogCapture log("INFO");
+        open(peer.uri(), client.get(), options)->close();
+        open(peer.uri(), client.get(), options)->close();
+        EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 1u);
+        // Another CA written into the same file: the server is not trusted any more.
+        std::ofstream(file, std::ios::trunc) << std::ifstream(material().expiredCert).rdbuf();
+        EXPECT_EQ(corvane_test::thrownText([&] { open(peer.uri(), client.get(), options); }).rfind("SSL_connect:", 0), 0u);
+        EXPECT_EQ(log.count("corvane.tools.SSLContext", "INFO", "disabling SSLv2 and SSLv3"), 2u);
+    }
 }
 
 TEST_F(TlsTransport, ServerAsksForClientCertificatesAndRefusesOnesThatDoNotVerify) {
@@ -438,6 +454,264 @@ TEST_F(TlsTransport, TunnelWithATinyRingCarriesTenMebibytesOverTLSBothWays) {
     EXPECT_TRUE(back == data);
     close(fd);
     store->shutdown();
+}
+
+// An acceptor whose answer is the test's function, run on the reactor thread inside accept.
+struct FunctionAcceptor : net::IChannelAcceptor {
+    std::function<net::IChannelHandler *(net::IChannel *)> answer;
+    net::IChannelHandler * accept(net::IChannel * channel) override { return answer(channel); }
+};
+
+unsigned int socketOf(net::IChannel * channel) {
+    return dynamic_cast<socketio::ISelectEventSubscriber &>(*channel).getSocket();
+}
+
+// Socket pairs opened until one of them holds `number`, the lowest free one after a close: the
+// kernel's next descriptor takes a closed number at once. All are kept open by the object.
+struct NumberTaker {
+    std::vector<int> descriptors;
+    int taken = -1;  // the number itself; its pair's other end is `peer`
+    int peer = -1;
+    void take(unsigned int number) {
+        for (int i = 0; i < 32 && taken < 0; ++i) {
+            int pair[2];
+            if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+                return;
+            }
+            descriptors.insert(descriptors.end(), pair, pair + 2);
+            for (int end : {0, 1}) {
+                if (static_cast<unsigned int>(pair[end]) == number) {
+                    taken = pair[end];
+                    peer = pair[1 - end];
+                }
+            }
+        }
+    }
+    // The number is still open, and nothing was written into it.
+    bool untouched() const {
+        char byte;
+        return taken >= 0 && fcntl(taken, F_GETFD) != -1 && recv(peer, &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
+    }
+    ~NumberTaker() {
+        for (int fd : descriptors) close(fd);
+    }
+};
+
+namespace logging {
+using namespace log4cxx;  // the object macros below name log4cxx's types unqualified
+
+// Calls `hook` with the category and text of every log event, on the thread that logs.
+class HookAppender : public AppenderSkeleton {
+public:
+    DECLARE_LOG4CXX_OBJECT(HookAppender)
+    BEGIN_LOG4CXX_CAST_MAP()
+    LOG4CXX_CAST_ENTRY(HookAppender)
+    LOG4CXX_CAST_ENTRY_CHAIN(AppenderSkeleton)
+    END_LOG4CXX_CAST_MAP()
+    HookAppender() = default;
+    explicit HookAppender(std::function<void(const std::string &, const std::string &)> hook) : m_hook(std::move(hook)) {}
+    void close() override {}
+    bool requiresLayout() const override { return false; }
+
+protected:
+    void append(const spi::LoggingEventPtr & event, helpers::Pool &) override {
+        m_hook(event->getLoggerName(), event->getRenderedMessage());
+    }
+
+private:
+    std::function<void(const std::string &, const std::string &)> m_hook;
+};
+IMPLEMENT_LOG4CXX_OBJECT(HookAppender)
+}  // namespace logging
+using logging::HookAppender;
+
+// The sweep closes a silent socket and tells its channel only afterwards. Between the two the
+// reactor logs its removal; a descriptor opened right there takes the closed number, and the
+// channel must not send its close_notify into it. Both ends of one connection are swept.
+TEST_F(TlsTransport, SweepClosedSocketGetsNoCloseNotify) {
+    reactor->stopProcessing();
+    reactor = new socketio::SelectReactor(40, 200, 20);
+    reactor->startProcessing();
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    Common::SmartPtr<net::IChannel> channel =
+        open("ssl://localhost:" + std::to_string(portOf(server->getLocalURI())), client.get());
+    client->queue("ping");
+    ASSERT_TRUE(waitFor([&] { return client->received() == "ping"; }));  // both handshakes are done
+    ASSERT_EQ(acceptor->accepted(), 1u);
+    const std::vector<unsigned int> numbers = {socketOf(channel.get()), socketOf(acceptor->channels[0].get())};
+
+    corvane_test::LogCapture log("TRACE");
+    std::mutex mutex;
+    std::vector<std::unique_ptr<NumberTaker>> takers;
+    bool sweeping = false;
+    auto hook = std::make_shared<HookAppender>([&](const std::string & category, const std::string & text) {
+        if (category != "corvane.socketio.SelectReactor") {
+            return;
+        }
+        std::lock_guard<std::mutex> guard(mutex);
+        if (text.rfind("clearDeadSockets: subscriber to peer", 0) == 0) {
+            sweeping = true;
+        } else if (sweeping && text == "removeSubscriber") {
+            sweeping = false;
+            for (unsigned int number : numbers) {
+                if (fcntl(static_cast<int>(number), F_GETFD) == -1) {
+                    takers.emplace_back(new NumberTaker);
+                    takers.back()->take(number);
+                }
+            }
+        }
+    });
+    log4cxx::Logger::getRootLogger()->addAppender(hook);
+    ASSERT_TRUE(waitFor([&] { return client->ended() && acceptor->handlers[0]->ended(); }));
+    log4cxx::Logger::getRootLogger()->removeAppender(hook);
+    EXPECT_EQ(client->errors.load(), 1);
+    channel->close();
+    server->close();
+    std::lock_guard<std::mutex> guard(mutex);  // the hook is gone: the lock only orders the reads
+    ASSERT_FALSE(takers.empty()) << "no sweep closed a socket";
+    for (const auto & taker : takers) {
+        EXPECT_TRUE(taker->untouched()) << "TLS bytes went into descriptor " << taker->taken;
+    }
+}
+
+// A one-shot server: its acceptor closes it from inside accept. The connection accepted in
+// that same call lives on and is served; no further one is accepted.
+TEST_F(TlsTransport, ServerClosedInsideAcceptKeepsAcceptedChannel) {
+    std::atomic<net::IChannelServer *> oneShot{nullptr};
+    acceptor->makeHandler = [&oneShot] {
+        oneShot.load()->close();
+        return new corvane_test::EchoHandler;
+    };
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    oneShot = server.get();
+    const unsigned short port = portOf(server->getLocalURI());
+    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+    Common::SmartPtr<net::IChannel> channel = open("ssl://localhost:" + std::to_string(port), client.get());
+    client->queue("only one\n");
+    EXPECT_TRUE(waitFor([&] { return client->received() == "only one\n"; }));
+    EXPECT_EQ(corvane_test::LoopbackConnect(port), -1);
+    channel->close();
+    EXPECT_TRUE(waitFor([&] { return acceptor->handlers[0]->ended(); }));
+}
+
+// The acceptor closes the channel it is offered, and a descriptor it opens next takes the
+// number; whether it then refuses the channel or answers a handler, that number is nobody
+// else's to close, and the peer sees the end.
+TEST_F(TlsTransport, RefusedChannelClosedByAcceptorKeepsReusedNumber) {
+    for (bool refuse : {true, false}) {
+        SCOPED_TRACE(refuse ? "refused" : "answered");
+        NumberTaker taker;
+        std::atomic<bool> answered{false};
+        Common::SmartPtr<RecordingHandler> handler(new RecordingHandler);
+        Common::SmartPtr<FunctionAcceptor> closing(new FunctionAcceptor);
+        closing->answer = [&](net::IChannel * channel) -> net::IChannelHandler * {
+            const unsigned int number = socketOf(channel);
+            channel->close();
+            taker.take(number);
+            answered = true;
+            return refuse ? nullptr : handler.get();
+        };
+        Common::SmartPtr<net::IChannelServer> server(factory->startChannelServer(
+            reactor.get(), "ssl://127.0.0.1:0", closing.get(), serverOptions().c_str()));
+        int fd = corvane_test::LoopbackConnect(portOf(server->getLocalURI()));
+        EXPECT_TRUE(corvane_test::SeesEndOf(fd));
+        ASSERT_TRUE(waitFor([&] { return answered.load(); }));
+        server->close();
+        // The reactor has let go of the channel: nothing closes the number later either.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(taker.untouched());
+        EXPECT_EQ(handler->reads + handler->writes + handler->closes + handler->errors, 0);
+        close(fd);
+    }
+}
+
+// Bytes sent to an accepted channel before its handshake is done (from accept, and from a host
+// thread while the client has not begun) wait for it: nothing is taken, nothing is lost, and
+// the handler's write event after the handshake brings them to the client.
+TEST_F(TlsTransport, SendBeforeHandshakeWaitsForIt) {
+    corvane_test::LogCapture log("WARN");
+    Common::SmartPtr<RecordingHandler> handler(new RecordingHandler);
+    Common::SmartPtr<net::IChannel> accepted;
+    std::atomic<int> sentInAccept{-2};
+    Common::SmartPtr<FunctionAcceptor> early(new FunctionAcceptor);
+    early->answer = [&](net::IChannel * channel) -> net::IChannelHandler * {
+        accepted = channel;
+        sentInAccept = channel->getWriteDataStream()->send(6, "first ");
+        handler->queue("first ");
+        return handler.get();
+    };
+    Common::SmartPtr<net::IChannelServer> server(
+        factory->startChannelServer(reactor.get(), "ssl://127.0.0.1:0", early.get(), serverOptions().c_str()));
+    int fd = corvane_test::LoopbackConnect(portOf(server->getLocalURI()));
+    ASSERT_TRUE(waitFor([&] { return sentInAccept.load() != -2; }));
+    EXPECT_EQ(sentInAccept.load(), 0);
+    EXPECT_EQ(accepted->getWriteDataStream()->send(6, "then\n"), 0);
+    handler->queue("then\n");
+
+    tools::SSLContext context = [] {
+        net::OptionMap options;
+        options.parse(kTrustTestCA.c_str());
+        return tools::SSLContext(options);
+    }();
+    SSL * ssl = SSL_new(context.context());
+    ASSERT_TRUE(ssl::SSL_set_socket(ssl, static_cast<unsigned int>(fd)));
+    ASSERT_EQ(SSL_connect(ssl), 1);
+    std::string received;
+    char buffer[64];
+    for (int n; received.size() < 11 && (n = SSL_read(ssl, buffer, sizeof buffer)) > 0;) {
+        received.append(buffer, static_cast<size_t>(n));
+    }
+    EXPECT_EQ(received, "first then\n");
+    EXPECT_EQ(log.countContaining("corvane.ssl.SSLChannel", "send:"), 0u);
+    SSL_free(ssl);
+    close(fd);
+    accepted->close();
+    server->close();
+}
+
+// A handler that throws, from a callback or while the reactor asks for its mask, ends its own
+// connection with one line at ERROR; the process and the server's other connections go on.
+TEST_F(TlsTransport, HandlerThatThrowsEndsOnlyItsConnection) {
+    struct ThrowingHandler : corvane_test::EchoHandler {
+        explicit ThrowingHandler(bool throwsInMask) : inMask(throwsInMask) {}
+        bool hasPendingWrite() override {
+            if (inMask && reads.load() > 0) throw std::runtime_error("handler fails");
+            return EchoHandler::hasPendingWrite();
+        }
+        void onRead(net::IReadDataStream * stream) override {
+            EchoHandler::onRead(stream);
+            ++reads;
+            if (!inMask) throw std::runtime_error("handler fails");
+        }
+        const bool inMask;
+    };
+    // The next connection accepted gets a handler that throws (0 in onRead, 1 in its mask).
+    std::atomic<int> nextThrows{-1};
+    acceptor->makeHandler = [&nextThrows]() -> RecordingHandler * {
+        const int kind = nextThrows.exchange(-1);
+        return kind < 0 ? new corvane_test::EchoHandler : new ThrowingHandler(kind == 1);
+    };
+    Common::SmartPtr<net::IChannelServer> server = startServer();
+    const std::string uri = "ssl://localhost:" + std::to_string(portOf(server->getLocalURI()));
+    for (bool inMask : {false, true}) {
+        SCOPED_TRACE(inMask ? "hasPendingWrite throws" : "onRead throws");
+        corvane_test::LogCapture log("ERROR");
+        nextThrows = inMask ? 1 : 0;
+        Common::SmartPtr<RecordingHandler> victim(new RecordingHandler);
+        Common::SmartPtr<net::IChannel> failing = open(uri, victim.get());
+        victim->queue("boom");
+        EXPECT_TRUE(waitFor([&] { return victim->ended(); }));
+        EXPECT_EQ(log.count("corvane.ssl.SSLChannel", "ERROR", "exception caught while dispatching socket event: handler fails"),
+                  1u);
+        Common::SmartPtr<RecordingHandler> other(new RecordingHandler);
+        Common::SmartPtr<net::IChannel> healthy = open(uri, other.get());
+        other->queue("still here");
+        EXPECT_TRUE(waitFor([&] { return other->received() == "still here"; }));
+        failing->close();
+        healthy->close();
+    }
+    server->close();
 }
 
 }  // namespace
