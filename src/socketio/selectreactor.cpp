@@ -275,6 +275,7 @@ void SelectReactor::processCommands_i() {
 void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
     LOG4CXX_TRACE(logger, "clearDeadSockets");
     SubscriberList copy = m_vectorSelectEventSubscriber;
+    SubscriberList swept;
     const auto timeout = static_cast<std::uint64_t>(static_cast<std::int64_t>(m_deadSocketTimeout));
     for (const auto & subscriber : copy) {
         std::uint64_t last = subscriber->getLastEventTime();
@@ -285,9 +286,28 @@ void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
                                                                       << "' timed out and is being terminated");
         subscriber->closeSocket();
         removeSubscriber(subscriber.get());
-        // The read path finds the closed socket and tells its handler that the connection is gone.
-        subscriber->onEvents(SELECT_EVENT_READ, now);
+        swept.push_back(subscriber);
     }
+    if (swept.empty()) {
+        return;
+    }
+    // The read path finds the closed socket and tells its handler that the connection is gone,
+    // outside the lock as every callback: a handler may take its own locks there, which a host
+    // thread may hold while it waits for this lock in close().
+    m_bLockHeldByThread = false;
+    {
+        Common::ScopedUnlock unlocked(&m_lock);
+        for (const auto & subscriber : swept) {
+            try {
+                subscriber->onEvents(SELECT_EVENT_READ, now);
+            } catch (...) {
+                LOG4CXX_ERROR(logger, "unknown exception caught while dispatching socket event");
+            }
+        }
+        swept.clear();
+        copy.clear();
+    }
+    m_bLockHeldByThread = true;
 }
 
 void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <exception>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
@@ -92,6 +93,8 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
         channel = new TCPChannel(socket, reactor.get());
         handler = m_acceptor->accept(channel.get());
+        // Taken: an acceptor that kept it for this thread (Common::KeepForCaller) lets it go.
+        Common::KeepForCaller(nullptr);
         if (handler) {
             channel->setChannelHandler(handler.get());
             reactor->registerSubscriber(channel.get());

@@ -6,10 +6,8 @@
 
 #include <cerrno>
 #include <exception>
-#include <optional>
 
 #include "common/logging.h"
-#include "common/platformthread.h"
 #include "socketio/socketfunctions.h"
 #include "tls/sslexception.h"
 
@@ -37,7 +35,6 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
     : m_socket(socket),
       m_lastEventTime(0),
       m_homeReactor(home),
-      m_reactorThread(0),
       m_ssl(ssl),
       m_readInterest(nullptr),
       m_handshakeDone(handshakeDone),
@@ -81,12 +78,8 @@ void SSLChannel::setChannelHandler(net::IChannelHandler * handler) {
 
 void SSLChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
     m_reactor = reactor;
-    if (reactor != nullptr) {
-        // Called on the reactor's thread when it takes the channel in.
-        m_reactorThread = Common::PlatformThread::CurrentId();
-        if (!m_homeReactor) {
-            m_homeReactor = reactor;
-        }
+    if (reactor != nullptr && !m_homeReactor) {
+        m_homeReactor = reactor;
     }
     m_lastEventTime = now;
 }
@@ -381,16 +374,8 @@ int SSLChannel::recv(int length, void * buffer) {
     return 0;
 }
 
-bool SSLChannel::onReactorThread() const {
-    return m_reactorThread.load() == Common::PlatformThread::CurrentId();
-}
-
 int SSLChannel::send(int length, const void * buffer) {
-    // The reactor's sweep closes the socket under its lock, and only then tells the channel.
-    std::optional<socketio::SelectReactor::ForeignThreadGuard> socketGuard;
-    if (!onReactorThread()) {
-        socketGuard.emplace(m_homeReactor.get());
-    }
+    // closeSocket closes the number under m_lock: held here, the number stays this connection's.
     Common::ScopedLock guard(&m_lock);
     if (m_ssl != nullptr && m_socket == socketio::INVALID_SOCKET_HANDLE) {
         terminateConnection_i();
@@ -446,12 +431,13 @@ int SSLChannel::send(int length, const void * buffer) {
 }
 
 void SSLChannel::terminateConnection() {
-    std::optional<socketio::SelectReactor::ForeignThreadGuard> socketGuard;
-    if (!onReactorThread()) {
-        socketGuard.emplace(m_homeReactor.get());
-    }
     Common::ScopedLock guard(&m_lock);
     terminateConnection_i();
+}
+
+void SSLChannel::closeSocket() {
+    Common::ScopedLock guard(&m_lock);
+    ISelectEventSubscriber::closeSocket();
 }
 
 void SSLChannel::terminateConnection_i() {

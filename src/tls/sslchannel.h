@@ -10,13 +10,11 @@
 //
 // The descriptor is closed once: by close(), by the server that refuses the channel, or by the
 // reactor (when onEvents answers false, or by its sweep of silent sockets, which closes first
-// and tells the channel afterwards). No TLS I/O (a record, close_notify, a peek) goes through
-// the number after that close, since the kernel may have given it to another connection: the
-// channel looks at the handle under the home reactor's lock (SelectReactor::ForeignThreadGuard),
-// which is the lock the reactor closes it under, and frees the SSL without a word to the peer
-// once the socket is gone. On the reactor's own thread that lock is not taken: the reactor,
-// busy with the calling callback, closes nothing meanwhile, and a handler may hold its own
-// locks there, which the reactor takes under its lock when it asks hasPendingWrite.
+// and tells the channel afterwards), always through closeSocket, which takes the channel's lock.
+// No TLS I/O (a record, close_notify, a peek) goes through the number after that close, since
+// the kernel may have given it to another connection: every OpenSSL call runs under the same
+// lock and looks at the handle first, and the SSL is freed without a word to the peer once the
+// socket is gone.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -63,6 +61,9 @@ public:
     short getEventMask() noexcept override;
     bool onEvents(const short & events, const std::uint64_t & now) noexcept override;
     unsigned int & getSocket() override { return m_socket; }
+    // Under the reactor's lock: closes the number under the channel's lock, so that no OpenSSL
+    // call of another thread is using it meanwhile.
+    void closeSocket() override;
     socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
     void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
     std::uint64_t getLastEventTime() const override { return m_lastEventTime; }
@@ -74,9 +75,7 @@ public:
     // Any thread. One SSL_write(3): the bytes taken (fewer than `length` possible); 0 when
     // nothing was taken now, also when OpenSSL wants the write repeated (then with the same
     // bytes, at least as many) and while an accepted channel's handshake runs (the handler's
-    // write event comes once it is done); -1 when the connection failed or is closed. Off the
-    // reactor thread it takes the reactor's lock, as close() does: not to be called holding a
-    // lock that the handler's hasPendingWrite or wantsRead takes.
+    // write event comes once it is done); -1 when the connection failed or is closed.
     int send(int length, const void * buffer) override;
 
     // Reactor thread: one step of the server handshake. False when it failed.
@@ -94,18 +93,14 @@ private:
     void terminateConnection_i();
     // Reactor thread: the handler's part of an event, which may throw.
     bool dispatch(net::IChannelHandler * handler, short events);
-    // Whether the caller runs on the thread of the reactor the channel is registered with.
-    bool onReactorThread() const;
 
     unsigned int m_socket;
     std::uint64_t m_lastEventTime;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
     // The reactor this channel belongs to (given at construction, else the first registration),
-    // kept after removal so that close() and send() on a host thread can synchronise with the
-    // reactor ending the channel. Not changed once set.
+    // kept after removal so that close() on a host thread can synchronise with the reactor
+    // ending the channel; close() lets go of it.
     Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
-    // The thread that registered the channel with its reactor (the reactor's); 0 before.
-    std::atomic<unsigned long> m_reactorThread;
     SSL * m_ssl;  // GUARDED_BY(m_lock)
     std::string m_localURI;
     std::string m_peerURI;

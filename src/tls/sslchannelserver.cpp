@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "socketio/socketfunctions.h"
 #include "tcp/tcpchannelserver.h"
@@ -73,6 +74,8 @@ void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noex
         // The handshake has not begun: the acceptor knows the peer's address and nothing more.
         channel = new SSLChannel(socket, ssl, false, reactor.get());
         handler = m_acceptor->accept(channel.get());
+        // Taken: an acceptor that kept it for this thread (Common::KeepForCaller) lets it go.
+        Common::KeepForCaller(nullptr);
         if (handler && reactor) {
             channel->setChannelHandler(handler.get());
             reactor->registerSubscriber(channel.get());
@@ -92,11 +95,7 @@ void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noex
         // at this moment: whoever comes first closes the descriptor, and the number, perhaps
         // taken by a new descriptor since, is not closed again.
         socketio::SelectReactor::ForeignThreadGuard guard(reactor.get());
-        unsigned int & own = channel->getSocket();
-        if (own != socketio::INVALID_SOCKET_HANDLE) {
-            socketio::SocketClose(own);
-            own = socketio::INVALID_SOCKET_HANDLE;
-        }
+        channel->closeSocket();
     } else {
         if (ssl != nullptr) {
             SSL_free(ssl);

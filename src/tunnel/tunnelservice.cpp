@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "tunnel/tunnelcreatorthread.h"
 #include "tunnel/tunnelendpoint.h"
@@ -64,10 +65,11 @@ IChannelHandler * TunnelService::accept(IChannel * channel) {
     }
     Common::SmartPtr<TunnelEndPoint::SmartLock> lock(new TunnelEndPoint::SmartLock);
     Common::SmartPtr<TunnelEndPoint> endPoint(new TunnelEndPoint(lock.get(), m_store.get(), channel, m_bufferSize));
-    // The channel holds the end point from here on. Otherwise a target that refuses at once
-    // lets the creator thread close and drop the end point before the server has taken the
-    // handler that this call returns.
+    // The channel holds the end point from here on, and this thread until the server has taken
+    // the handler that this call returns: a target that refuses at once lets the creator thread
+    // close the end point and its channel (which lets go of its handler) before that.
     channel->setChannelHandler(endPoint.get());
+    Common::KeepForCaller(endPoint.get());
     bool stored = false;
     try {
         m_store->storeTunnel(endPoint.get());
