@@ -149,6 +149,21 @@ TEST_F(EnvironmentMapping, NoProxyOfAUsualShellSession) {
     EXPECT_EQ(resolved("ftp://example.test/"), Proxies());
 }
 
+// What no_proxy covers goes direct before the proxy text and before discovery is asked.
+TEST_F(EnvironmentMapping, NoProxyCoversNamesBelowItAndAddressRangesWithoutDiscovery) {
+    m_environment.set("http_proxy", "http://127.0.0.1:3128");
+    m_environment.set("https_proxy", "pac+http://127.0.0.1:9/proxy.pac");
+    m_environment.set("no_proxy", ".Example.com,127.0.0.0/8,[::1]:8080");
+    EXPECT_EQ(resolved("http://example.com/"), Proxies());
+    EXPECT_EQ(resolved("http://a.b.EXAMPLE.com/"), Proxies());
+    EXPECT_EQ(resolved("http://127.3.2.1:80/"), Proxies());
+    EXPECT_EQ(resolved("http://[::1]:8080/"), Proxies());
+    EXPECT_EQ(resolved("https://www.example.com/", {"http://pac:1"}), Proxies());
+    EXPECT_TRUE(m_asked.empty());
+    EXPECT_EQ(resolved("http://[::1]:8081/"), Proxies({"127.0.0.1:3128"}));
+    EXPECT_EQ(resolved("https://notexample.com/", {"http://pac:1"}), Proxies({"pac:1"}));
+}
+
 TEST_F(EnvironmentMapping, LowerCaseWinsEvenWhenEmpty) {
     m_environment.set("HTTP_PROXY", "upper:1");
     m_environment.set("HTTPS_PROXY", "upper:2");
