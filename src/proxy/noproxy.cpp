@@ -104,15 +104,22 @@ void hostAndPort(const std::string & url, std::string & host, int & port) {
 
 }  // namespace
 
-NoProxyList::NoProxyList(const std::string & value) {
+std::vector<std::string> splitNoProxy(const std::string & value) {
+    std::vector<std::string> items;
     std::string::size_type position = 0;
     while (position < value.size()) {
-        const std::string::size_type next = value.find_first_of(",; \t\r\n", position);
+        const std::string::size_type next = value.find_first_of(",; \t\r\n\f\v", position);
         const std::string item = value.substr(position, next == std::string::npos ? next : next - position);
         position = next == std::string::npos ? value.size() : next + 1;
-        if (item.empty()) {
-            continue;
+        if (!item.empty()) {
+            items.push_back(item);
         }
+    }
+    return items;
+}
+
+NoProxyList::NoProxyList(const std::string & value) {
+    for (const std::string & item : splitNoProxy(value)) {
         Entry entry;
         entry.text = item;
         std::string host = item;

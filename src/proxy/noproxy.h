@@ -8,6 +8,9 @@
 
 namespace ProxyResolver {
 
+// The entries of a no_proxy value: the non-empty pieces between commas, semicolons and blanks.
+std::vector<std::string> splitNoProxy(const std::string & value);
+
 class NoProxyList {
 public:
     // `value` is the variable as set: entries separated by commas (blanks and

@@ -183,14 +183,7 @@ bool readProxyVariable(const char * lowerName, const char * upperName, const cha
 // answer of discovery carry.
 std::string bypassFromNoProxy(const std::string & value) {
     std::string bypass;
-    std::string::size_type position = 0;
-    while (position < value.size()) {
-        const std::string::size_type next = value.find_first_of(", ;\t\r\n\f\v", position);
-        const std::string item = value.substr(position, next == std::string::npos ? next : next - position);
-        position = next == std::string::npos ? value.size() : next + 1;
-        if (item.empty()) {
-            continue;
-        }
+    for (const std::string & item : splitNoProxy(value)) {
         if (!isWholeEntry(item)) {
             LOG4CXX_WARN(logger, "ignoring '" << item << "' in no_proxy: not a host name or pattern");
             continue;
