@@ -193,7 +193,8 @@ void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
     }
     // Negative: the connection failed. With the own ring full the read path, which would find
     // the end, is not asked any more, so the tunnel ends here, as it would on a read error.
-    LOG4CXX_INFO(logger, "onWrite[" << lockedDescription() << "]: send failed, closing the tunnel");
+    // The connection's end line tells of it at INFO.
+    LOG4CXX_DEBUG(logger, "onWrite[" << lockedDescription() << "]: send failed, closing the tunnel");
     close(m_accepted ? "send to the client failed" : "send to the target failed");
 }
 
