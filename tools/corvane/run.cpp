@@ -276,6 +276,7 @@ int commandRun(const RunSettings & settings, const std::vector<std::string> & ar
         throw std::runtime_error("'" + file + "' names no tunnel and no server");
     }
     applyLogging(settings, loaded.config);
+    RunConfig current = loaded.config;
     const int threads = loaded.config.threads;
     Sections sections(module, threads);
     int started = 0;
@@ -300,7 +301,11 @@ int commandRun(const RunSettings & settings, const std::vector<std::string> & ar
         if (again.config.threads != threads) {
             std::cerr << "corvane: threads = " << again.config.threads << " takes effect at the next start\n";
         }
-        applyLogging(settings, again.config);
+        // Only a changed setting reconfigures log4cxx, which the running threads log through.
+        if (again.config.logLevel != current.logLevel || again.config.logConfig != current.logConfig) {
+            applyLogging(settings, again.config);
+        }
+        current = again.config;
         started = 0;
         stopped = 0;
         for (const std::string & failure : sections.apply(again.config, started, stopped)) {
