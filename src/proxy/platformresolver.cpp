@@ -9,6 +9,7 @@
 #include "common/logging.h"
 #include "proxy/exception.h"
 #include "proxy/libproxydiscovery.h"
+#include "proxy/noproxy.h"
 #include "proxy/wildcard.h"
 
 namespace ProxyResolver {
@@ -26,6 +27,8 @@ struct InternetExplorerSettings {
     std::string proxy;
     std::string proxyBypass;
     bool desktop = false;
+    // no_proxy as set: the hosts it covers go direct, whatever the proxy text or discovery says.
+    std::string noProxy;
 };
 
 // The proxy text and bypass text that apply to one URL.
@@ -175,17 +178,12 @@ bool readProxyVariable(const char * lowerName, const char * upperName, const cha
 
 // no_proxy, a list of names, addresses and patterns separated by commas (blanks and
 // semicolons are taken as separators too), as the bypass text of the wildcard matcher: a
-// name counts for itself and its subdomains, a leading dot for the subdomains alone.
+// name counts for itself and its subdomains, a leading dot for the subdomains alone. The
+// host's decision is NoProxyList's, made first; this text is what the log and a proxy
+// answer of discovery carry.
 std::string bypassFromNoProxy(const std::string & value) {
     std::string bypass;
-    std::string::size_type position = 0;
-    while (position < value.size()) {
-        const std::string::size_type next = value.find_first_of(", ;\t\r\n\f\v", position);
-        const std::string item = value.substr(position, next == std::string::npos ? next : next - position);
-        position = next == std::string::npos ? value.size() : next + 1;
-        if (item.empty()) {
-            continue;
-        }
+    for (const std::string & item : splitNoProxy(value)) {
         if (!isWholeEntry(item)) {
             LOG4CXX_WARN(logger, "ignoring '" << item << "' in no_proxy: not a host name or pattern");
             continue;
@@ -211,7 +209,8 @@ InternetExplorerSettings getInternetExplorerSettings() {
     anySet = readProxyVariable("all_proxy", "ALL_PROXY", "", settings) || anySet;
     const char * name = nullptr;
     const char * noProxy = variable("no_proxy", "NO_PROXY", name);
-    settings.proxyBypass = bypassFromNoProxy(noProxy != nullptr ? noProxy : "");
+    settings.noProxy = noProxy != nullptr ? noProxy : "";
+    settings.proxyBypass = bypassFromNoProxy(settings.noProxy);
     settings.desktop = !anySet;
     LOG4CXX_INFO(logger, "Retrieved internet explorer settings: AutoDetect=" << (settings.autoDetect ? "True" : "False")
                              << " AutoConfigUrl='" << settings.autoConfigUrl << "' Proxy='" << settings.proxy
@@ -242,6 +241,15 @@ std::string proxyTextFromAnswer(const std::vector<std::string> & answers) {
 // answer, so that "*" and subdomain entries hold the same way for every source.
 ProxyInfo getProxyInfo(IProxyDiscovery & session, const std::string & uri, const InternetExplorerSettings & settings) {
     ProxyInfo info{settings.proxy, settings.proxyBypass};
+    // A host that no_proxy covers goes direct before any discovery: the wildcard test of the
+    // bypass text is case-sensitive and knows neither ports nor address ranges.
+    const std::string noProxyEntry = NoProxyList(settings.noProxy).match(uri);
+    if (!noProxyEntry.empty()) {
+        LOG4CXX_DEBUG(logger, "no proxy for '" << uri << "': no_proxy entry '" << noProxyEntry << "'");
+        info = ProxyInfo();
+        LOG4CXX_INFO(logger, "Using Proxy='' and ProxyBypass='' for uri='" << uri << "'");
+        return info;
+    }
     bool discover = false;
     if (settings.autoDetect) {
         LOG4CXX_INFO(logger, "Enable autodetect of WPAD / PAC through DHCP and DNS");

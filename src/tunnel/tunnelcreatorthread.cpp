@@ -106,6 +106,7 @@ void TunnelCreatorThread::ThreadMain() {
             Common::ScopedUnlock unlocked(&m_lock);
             // The accepted end point's description is fixed since its construction.
             const std::string description = job.endPoint->getDescription();
+            std::string failure = "an unknown exception";
             try {
                 socketio::ConnectAbortScope scope(&abort);
                 store->connectEndpoints(job.endPoint.get(), job.endpoint.get());
@@ -113,6 +114,7 @@ void TunnelCreatorThread::ThreadMain() {
             } catch (const std::exception & e) {
                 LOG4CXX_WARN(logger, "while creating a connection on behalf of '" << description
                                                                                   << "' exception caught:" << e.what());
+                failure = e.what();
             } catch (...) {
                 LOG4CXX_WARN(logger, "while creating a connection on behalf of '"
                                          << description << "' an unknown exception was caught");
@@ -121,7 +123,14 @@ void TunnelCreatorThread::ThreadMain() {
             abort.releaseAll();
             // The attempt failed: the accepted client sees its connection end.
             if (job.endPoint) {
-                job.endPoint->close();
+                std::string target;
+                std::string options;
+                try {
+                    job.endpoint->getEndpoint(target, options);
+                } catch (...) {
+                    target.clear();
+                }
+                job.endPoint->closeFailedConnect(target, failure);
             }
         }
         m_opening.erase(std::find(m_opening.begin(), m_opening.end(), &abort));

@@ -1,7 +1,10 @@
 #include "tunnel/tunnelendpoint.h"
 
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "common/logging.h"
 #include "tunnel/tunnelstore.h"
@@ -10,6 +13,21 @@ namespace net {
 
 namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.net.TunnelEndPoint");
+// One line per tunnel connection when it ends, in a category of its own so that a host can
+// keep it while the per-channel lines stay quiet.
+const log4cxx::LoggerPtr connectionLogger = Common::GetLogger("corvane.net.TunnelConnection");
+
+// How an end ended on an error of its channel. A TCP channel reports onError right after
+// its failed recv, so errno still names the cause; other transports may leave it stale.
+std::string errorText(int error, const char * side) {
+    if (error == ECONNRESET) {
+        return std::string("reset by ") + side;
+    }
+    if (error != 0 && error != EAGAIN && error != EINTR) {
+        return std::string("error on the ") + side + "'s side: " + std::strerror(error);
+    }
+    return std::string("error on the ") + side + "'s side";
+}
 
 // One stream call moves at most this much: the streams count in int.
 constexpr std::uint32_t kMaxStreamCall = INT_MAX;
@@ -17,6 +35,7 @@ constexpr std::uint32_t kMaxStreamCall = INT_MAX;
 
 TunnelEndPoint::TunnelEndPoint(SmartLock * lock, TunnelStore * store, IChannel * channel, unsigned int bufferSize)
     : TunnelEndPoint(lock, store, bufferSize) {
+    m_accepted = true;
     setChannel(channel);
 }
 
@@ -153,6 +172,7 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     // 0: the stream would block, retry on the next onWrite.
     if (sent > 0) {
         const auto moved = static_cast<std::uint32_t>(sent);
+        m_sent += moved;
         peer->m_filled.fetch_sub(moved, std::memory_order_relaxed);
         peer->m_free += moved;
         peer->m_readPos += moved;
@@ -173,15 +193,17 @@ void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
     }
     // Negative: the connection failed. With the own ring full the read path, which would find
     // the end, is not asked any more, so the tunnel ends here, as it would on a read error.
-    LOG4CXX_INFO(logger, "onWrite[" << lockedDescription() << "]: send failed, closing the tunnel");
-    close();
+    // The connection's end line tells of it at INFO.
+    LOG4CXX_DEBUG(logger, "onWrite[" << lockedDescription() << "]: send failed, closing the tunnel");
+    close(m_accepted ? "send to the client failed" : "send to the target failed");
 }
 
-bool TunnelEndPoint::detach_i(Detached & detached) {
+bool TunnelEndPoint::detach_i(Detached & detached, const std::string & how) {
     if (m_closed.load()) {
         return false;
     }
     m_closed.store(true);
+    recordEnd_i(how);
     detached.channel = std::move(m_channel);
     detached.peer = m_peer;
     setPeer_i(nullptr);
@@ -205,7 +227,7 @@ void TunnelEndPoint::onClose() {
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         LOG4CXX_INFO(logger, "onClose[" << m_description << "]");
-        if (!detach_i(detached)) {
+        if (!detach_i(detached, m_accepted ? "closed by the client" : "closed by the target")) {
             return;
         }
     }
@@ -217,17 +239,72 @@ void TunnelEndPoint::onClose() {
 }
 
 void TunnelEndPoint::onError() {
+    const int error = errno;
     LOG4CXX_INFO(logger, "onError[" << lockedDescription() << "]");
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        if (!m_closed.load() && m_lock->m_record.how.empty()) {
+            m_lock->m_record.how = errorText(error, m_accepted ? "client" : "target");
+        }
+    }
     onClose();
 }
 
-void TunnelEndPoint::close() {
+void TunnelEndPoint::closeFailedConnect(const std::string & targetURI, const std::string & failure) {
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        SmartLock::Record & record = m_lock->m_record;
+        if (record.targetURI.empty()) {
+            record.targetURI = targetURI;
+        }
+        if (record.how.empty()) {
+            record.how = "connect to the target failed: " + failure;
+        }
+    }
+    close();
+}
+
+void TunnelEndPoint::recordEnd_i(const std::string & how) {
+    SmartLock::Record & record = m_lock->m_record;
+    if (record.how.empty()) {
+        record.how = how;
+    }
+    if (m_accepted) {
+        record.listenURI = m_localURI;
+        record.clientURI = m_peerURI;
+        record.toClient = m_sent;
+    } else {
+        if (!m_peerURI.empty()) {
+            record.targetURI = m_peerURI;
+        }
+        record.toTarget = m_sent;
+    }
+    if (m_counted) {
+        m_counted = false;
+        --record.openEnds;
+    }
+    if (record.openEnds > 0 || record.logged) {
+        return;
+    }
+    record.logged = true;
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - record.started).count();
+    char duration[32];
+    std::snprintf(duration, sizeof duration, "%.3f", seconds);
+    LOG4CXX_INFO(connectionLogger, "connection from " << record.clientURI << " on " << record.listenURI << " to "
+                                                      << (record.targetURI.empty() ? "(none)" : record.targetURI)
+                                                      << " ended after " << duration << " s: " << record.toTarget
+                                                      << " bytes to the target, " << record.toClient
+                                                      << " bytes to the client, " << record.how);
+}
+
+void TunnelEndPoint::close(const char * how) {
     Common::SmartPtr<TunnelEndPoint> keep(this);
     Detached detached;
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         LOG4CXX_TRACE(logger, "close[" << m_description << "]()");
-        if (!detach_i(detached)) {
+        if (!detach_i(detached, how != nullptr ? how : "closed by the host")) {
             return;
         }
     }
@@ -245,6 +322,14 @@ void TunnelEndPoint::close() {
 void TunnelEndPoint::setChannel(IChannel * channel) {
     Common::ScopedLock guard(&m_lock->m_lock);
     m_channel = channel;
+    // Counted while it has a channel and is open: the line follows when the last one closes.
+    if (channel != nullptr && !m_counted && !m_closed.load()) {
+        m_counted = true;
+        ++m_lock->m_record.openEnds;
+    } else if (channel == nullptr && m_counted) {
+        m_counted = false;
+        --m_lock->m_record.openEnds;
+    }
     if (channel != nullptr) {
         m_localURI = channel->getLocalURI();
         m_peerURI = channel->getPeerURI();

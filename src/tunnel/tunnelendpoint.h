@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -20,9 +21,22 @@ class TunnelEndPoint : public IChannelHandler, public socketio::IReadInterest {
 public:
     // One per tunnel, shared by both end points: it guards both rings, both peer pointers,
     // both channel references and both closed flags, so that no peer is ever half gone.
+    // It also keeps the record of the connection for the one line logged when it ends.
     class SmartLock : public Common::IRefCnt {
     public:
+        struct Record {
+            int openEnds = 0;  // end points with a channel that have not closed yet
+            bool logged = false;
+            std::string how;   // how it ended, as the first end to close saw it
+            std::string listenURI;
+            std::string clientURI;
+            std::string targetURI;
+            std::uint64_t toTarget = 0;
+            std::uint64_t toClient = 0;
+            std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+        };
         Common::Lock m_lock;
+        Record m_record;  // GUARDED_BY(m_lock)
     };
 
     // For an accepted channel: the description is known at once.
@@ -48,8 +62,11 @@ public:
     void onClose() override;
     void onError() override;
 
-    // Any thread. Closes the own channel and the peer; harmless when repeated.
-    void close();
+    // Any thread. Closes the own channel and the peer; harmless when repeated. `how` tells the
+    // connection's end line why, when this is the first end to close.
+    void close(const char * how = "closed by the host");
+    // Creator thread: the connection to `targetURI` failed with `failure`; closes the tunnel.
+    void closeFailedConnect(const std::string & targetURI, const std::string & failure);
     // Takes the shared lock. Null keeps the texts as they were.
     void setChannel(IChannel * channel);
     const Common::SmartPtr<SmartLock> & getLock() const { return m_lock; }
@@ -75,7 +92,10 @@ private:
     };
     // Shared lock held: marks this end closed, unlinks both ends and leaves the store's map.
     // False when it was closed already.
-    bool detach_i(Detached & detached);
+    bool detach_i(Detached & detached, const std::string & how);
+    // Shared lock held: adds this end's part to the connection's record and logs its line
+    // once the last end with a channel has closed.
+    void recordEnd_i(const std::string & how);
     std::string lockedDescription();
 
     Common::SmartPtr<SmartLock> m_lock;
@@ -99,6 +119,9 @@ private:
     std::string m_localURI;
     std::string m_peerURI;
     std::string m_description;
+    bool m_accepted = false;                   // the client's end, not the target's; fixed at construction
+    bool m_counted = false;                    // GUARDED_BY(m_lock): in the record's openEnds
+    std::uint64_t m_sent = 0;                  // GUARDED_BY(m_lock): bytes written to the own channel
 };
 
 }  // namespace net

@@ -130,9 +130,9 @@ TEST_F(EnvironmentMapping, VariablesBecomeSchemeEntriesAndNoProxyBecomesPatterns
     m_environment.set("http_proxy", "http://127.0.0.1:3128/");
     m_environment.set("https_proxy", "secure.corp.test:3129");
     m_environment.set("all_proxy", "http://user:pw@fallback:8080");
-    m_environment.set("no_proxy", "localhost, .corp.test,10.*,example.com,*,192.168.1.7");
+    m_environment.set("no_proxy", "localhost, .corp.test,10.*,example.com,192.168.1.7");
     EXPECT_EQ(texts("http://x/"), "http=127.0.0.1:3128;https=secure.corp.test:3129;user:pw@fallback:8080 | "
-                                  "localhost;*.localhost;*.corp.test;10.*;example.com;*.example.com;*;192.168.1.7");
+                                  "localhost;*.localhost;*.corp.test;10.*;example.com;*.example.com;192.168.1.7");
     EXPECT_TRUE(m_asked.empty());  // static settings alone: no discovery
 }
 
@@ -144,9 +144,25 @@ TEST_F(EnvironmentMapping, NoProxyOfAUsualShellSession) {
     EXPECT_EQ(resolved("https://example.test:443/"), Proxies({"127.0.0.1:3129"}));
     EXPECT_EQ(resolved("http://localhost:8080/"), Proxies());
     EXPECT_EQ(resolved("http://web.corp.test/"), Proxies());
-    EXPECT_EQ(resolved("http://corp.test/"), Proxies({"127.0.0.1:3128"}));
+    EXPECT_EQ(resolved("http://corp.test/"), Proxies());  // a leading dot changes nothing
+    EXPECT_EQ(resolved("http://notcorp.test/"), Proxies({"127.0.0.1:3128"}));
     EXPECT_EQ(resolved("http://10.0.0.1/"), Proxies());
     EXPECT_EQ(resolved("ftp://example.test/"), Proxies());
+}
+
+// What no_proxy covers goes direct before the proxy text and before discovery is asked.
+TEST_F(EnvironmentMapping, NoProxyCoversNamesBelowItAndAddressRangesWithoutDiscovery) {
+    m_environment.set("http_proxy", "http://127.0.0.1:3128");
+    m_environment.set("https_proxy", "pac+http://127.0.0.1:9/proxy.pac");
+    m_environment.set("no_proxy", ".Example.com,127.0.0.0/8,[::1]:8080");
+    EXPECT_EQ(resolved("http://example.com/"), Proxies());
+    EXPECT_EQ(resolved("http://a.b.EXAMPLE.com/"), Proxies());
+    EXPECT_EQ(resolved("http://127.3.2.1:80/"), Proxies());
+    EXPECT_EQ(resolved("http://[::1]:8080/"), Proxies());
+    EXPECT_EQ(resolved("https://www.example.com/", {"http://pac:1"}), Proxies());
+    EXPECT_TRUE(m_asked.empty());
+    EXPECT_EQ(resolved("https://[::1]:8081/", {"http://pac:1"}), Proxies({"pac:1"}));
+    EXPECT_EQ(resolved("https://notexample.com/", {"http://pac:1"}), Proxies({"pac:1"}));
 }
 
 TEST_F(EnvironmentMapping, LowerCaseWinsEvenWhenEmpty) {

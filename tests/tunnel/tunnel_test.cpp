@@ -269,6 +269,68 @@ TEST_F(Tunnels, ClosingEitherSideClosesTheOther) {
     }
 }
 
+// One line per connection when both ends are gone: who, where, the bytes each way as they
+// were delivered, and which side ended it.
+TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
+    corvane_test::LogCapture log("INFO");
+    RawTarget target;
+    corvane_test::ScopedBoundPort refusing;
+    Common::SmartPtr<net::IChannelEndpoint> targets(
+        new TargetList({target.uri(), target.uri(), target.uri(),
+                        "tcp://127.0.0.1:" + std::to_string(refusing.port())}));
+    const unsigned short port = portOf(store->startTunnel2("tcp://127.0.0.1:0", nullptr, targets.get())->getLocalURI());
+    const auto lines = [&log] {
+        std::vector<std::string> texts;
+        for (const corvane_test::LogEvent & event : log.events()) {
+            if (event.category == "corvane.net.TunnelConnection") {
+                EXPECT_EQ(event.level, "INFO");
+                texts.push_back(event.text);
+            }
+        }
+        return texts;
+    };
+    for (const char * ending : {"closed by the client", "closed by the target", "closed by the host"}) {
+        int client = connectTo(port);
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        sockaddr_in local{};
+        socklen_t length = sizeof local;
+        getsockname(client, reinterpret_cast<sockaddr *>(&local), &length);
+        ASSERT_TRUE(sendAll(client, pattern(1000)));
+        EXPECT_EQ(recvExact(server, 1000).size(), 1000u);
+        ASSERT_TRUE(sendAll(server, pattern(250)));
+        EXPECT_EQ(recvExact(client, 250).size(), 250u);
+        const std::string ended = ending;
+        if (ended == "closed by the host") {
+            store->closeTunnels();
+        } else {
+            close(ended == "closed by the client" ? client : server);
+        }
+        EXPECT_TRUE(drained());
+        const std::vector<std::string> texts = lines();
+        ASSERT_FALSE(texts.empty());
+        const std::string & line = texts.back();
+        const std::string head = "connection from tcp://127.0.0.1:" + std::to_string(ntohs(local.sin_port)) +
+                                 " on tcp://127.0.0.1:" + std::to_string(port) + " to " + target.uri() + " ended after ";
+        EXPECT_EQ(line.rfind(head, 0), 0u) << line;
+        EXPECT_NE(line.find(" s: 1000 bytes to the target, 250 bytes to the client, " + ended), std::string::npos) << line;
+        if (ended != "closed by the client") {
+            close(client);
+        }
+        if (ended != "closed by the target") {
+            close(server);
+        }
+    }
+    int refused = connectTo(port);
+    EXPECT_TRUE(seesEnd(refused));
+    close(refused);
+    EXPECT_TRUE(waitFor([&] { return lines().size() == 4; }));
+    EXPECT_NE(lines().back().find(" to tcp://127.0.0.1:" + std::to_string(refusing.port()) +
+                                  " ended after "), std::string::npos) << lines().back();
+    EXPECT_NE(lines().back().find(": 0 bytes to the target, 0 bytes to the client, connect to the target failed: while "
+                                  "connecting to"), std::string::npos) << lines().back();
+}
+
 TEST_F(Tunnels, RefusedTargetClosesTheClientAndTheNextConnectionIsServed) {
     corvane_test::LogCapture log("WARN");
     corvane_test::ScopedBoundPort refusing;

@@ -180,6 +180,10 @@ bool wantsHelp(const std::vector<std::string> & args) {
 
 }  // namespace
 
+Common::SmartPtr<net::IChannelAcceptor> makeServeAcceptor(bool echo) {
+    return Common::SmartPtr<net::IChannelAcceptor>(new ServeAcceptor(echo));
+}
+
 int commandServe(const Context & context, const std::vector<std::string> & args) {
     if (wantsHelp(args)) {
         std::cout << kServeUsage;

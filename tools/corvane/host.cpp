@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <chrono>
 #include <cstring>
 
@@ -29,7 +30,24 @@ namespace cli {
 
 std::string defaultModulePath() {
     const char * fromEnvironment = std::getenv("CORVANE_MODULE");
-    return fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment : CORVANE_DEFAULT_MODULE;
+    if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
+        return fromEnvironment;
+    }
+    char self[PATH_MAX];
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length > 0) {
+        std::string directory(self, static_cast<size_t>(length));
+        directory.erase(directory.rfind('/') + 1);
+        for (const char * relative : {CORVANE_MODULE_FROM_BINDIR, CORVANE_MODULE_FROM_BUILD}) {
+            const std::string candidate = directory + relative + "/libcorvane.so";
+            char resolved[PATH_MAX];
+            if (::realpath(candidate.c_str(), resolved) != nullptr && ::access(resolved, R_OK) == 0) {
+                return resolved;
+            }
+        }
+    }
+    // Neither installed nor built beside this program: the dynamic linker's search path.
+    return "libcorvane.so";
 }
 
 net::IModule * loadModule(const std::string & path) {

@@ -1,4 +1,7 @@
 // corvane: the command-line host of the corvane module.
+#include <getopt.h>
+
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -79,6 +82,97 @@ std::string oneLine(std::string text) {
     return text;
 }
 
+// The options of one command, for getopt_long: each global option is also taken after the
+// command, so that "serve URI --log-level INFO" works as users expect.
+struct CommandSpec {
+    const char * name;
+    std::vector<option> options;  // the command's own, without the terminating entry
+};
+
+const std::vector<option> kGlobalOptions = {
+    {"module", required_argument, nullptr, 0},
+    {"log-level", required_argument, nullptr, 0},
+    {"log-config", required_argument, nullptr, 0},
+    {"help", no_argument, nullptr, 'h'},
+};
+
+struct Globals {
+    std::string modulePath;
+    std::string logLevel = "ERROR";
+    bool logLevelGiven = false;
+    std::string logConfig;
+};
+
+// Runs getopt_long over `args` (argv[0] excluded) with `options` and the global ones. Global
+// options land in `globals`; the command's own come back normalised as "--name [value]"
+// ("-h" as "--help"), followed by the positional arguments. `stopAtFirst` stops at the first
+// positional argument (the command name). Returns the index of the first argument not taken.
+size_t parseOptions(const std::string & command, const std::vector<std::string> & args,
+                    const std::vector<option> & own, bool stopAtFirst, Globals & globals,
+                    std::vector<std::string> & normalised) {
+    std::vector<option> table(own);
+    table.insert(table.end(), kGlobalOptions.begin(), kGlobalOptions.end());
+    table.push_back({nullptr, 0, nullptr, 0});
+    std::vector<std::string> storage;
+    storage.reserve(args.size() + 1);
+    storage.push_back("corvane");
+    storage.insert(storage.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (std::string & arg : storage) {
+        argv.push_back(&arg[0]);
+    }
+    argv.push_back(nullptr);
+    const std::string prefix = command.empty() ? "" : command + ": ";
+    optind = 0;  // a fresh scan: GNU getopt starts over when optind is 0
+    opterr = 0;
+    const char * shortOptions = stopAtFirst ? "+:h" : ":h";
+    for (;;) {
+        int index = -1;
+        const int result = getopt_long(static_cast<int>(argv.size() - 1), argv.data(), shortOptions, table.data(), &index);
+        if (result == -1) {
+            break;
+        }
+        if (result == '?') {
+            const std::string given = optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+            throw cli::UsageError(prefix + "unknown option " + given);
+        }
+        if (result == ':') {
+            const std::string given = optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+            throw cli::UsageError(prefix + given + " needs a value");
+        }
+        if (result == 'h') {
+            normalised.push_back("--help");
+            continue;
+        }
+        const std::string name = table[static_cast<size_t>(index)].name;
+        if (name == "module") {
+            globals.modulePath = optarg;
+        } else if (name == "log-level") {
+            globals.logLevel = optarg;
+            globals.logLevelGiven = true;
+        } else if (name == "log-config") {
+            globals.logConfig = optarg;
+        } else {
+            normalised.push_back("--" + name);
+            if (table[static_cast<size_t>(index)].has_arg != no_argument) {
+                normalised.push_back(optarg != nullptr ? optarg : "");
+            }
+        }
+    }
+    const size_t firstLeft = static_cast<size_t>(optind) - 1;
+    if (!stopAtFirst) {
+        // getopt_long has moved the positional arguments behind the options, in their order.
+        for (size_t i = static_cast<size_t>(optind); i + 1 < argv.size(); ++i) {
+            normalised.push_back(argv[i]);
+        }
+    }
+    return firstLeft;
+}
+
+bool asksHelp(const std::vector<std::string> & args) {
+    return std::find(args.begin(), args.end(), "--help") != args.end();
+}
+
 }  // namespace
 
 int main(int argc, char ** argv) {
@@ -86,38 +180,78 @@ int main(int argc, char ** argv) {
     // A reader of our stdout that goes away must end this host with an error, not a signal.
     std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> args(argv + 1, argv + argc);
-    std::string modulePath = cli::defaultModulePath();
-    std::string logLevel = "ERROR";
-    std::string logConfig;
+    Globals globals;
     try {
-        size_t i = 0;
-        for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
-            const std::string & option = args[i];
-            if (option == "--help") {
-                std::cout << kUsage;
-                return 0;
-            }
-            if (option == "--version") {
-                return commandVersion();
-            }
-            if (i + 1 >= args.size()) {
-                throw cli::UsageError(option + " needs a value");
-            }
-            if (option == "--module") {
-                modulePath = args[++i];
-            } else if (option == "--log-level") {
-                logLevel = args[++i];
-            } else if (option == "--log-config") {
-                logConfig = args[++i];
-            } else {
-                throw cli::UsageError("unknown option " + option);
-            }
+        // The options before the command: the global ones, --help and --version.
+        std::vector<option> topOptions = {{"version", no_argument, nullptr, 0}};
+        std::vector<std::string> before;
+        const size_t commandIndex = parseOptions("", args, topOptions, true, globals, before);
+        if (asksHelp(before)) {
+            std::cout << kUsage;
+            return 0;
         }
-        if (i >= args.size()) {
+        if (!before.empty()) {  // --version
+            return commandVersion();
+        }
+        if (commandIndex >= args.size()) {
             throw cli::UsageError("no command given");
         }
-        std::string command = args[i];
-        std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+        const std::string command = args[commandIndex];
+        const std::vector<std::string> after(args.begin() + static_cast<long>(commandIndex) + 1, args.end());
+        const std::vector<CommandSpec> specs = {
+            {"info", {}},
+            {"version", {}},
+            {"proxy-info", {}},
+            {"serve",
+             {{"echo", no_argument, nullptr, 0}, {"discard", no_argument, nullptr, 0},
+              {"options", required_argument, nullptr, 0}}},
+            {"connect",
+             {{"options", required_argument, nullptr, 0}, {"wait", required_argument, nullptr, 0},
+              {"stats", no_argument, nullptr, 0}}},
+            {"tunnel",
+             {{"listen-options", required_argument, nullptr, 0}, {"target-options", required_argument, nullptr, 0},
+              {"buffer-size", required_argument, nullptr, 0}}},
+            {"run", {{"check", no_argument, nullptr, 0}}},
+        };
+        const CommandSpec * spec = nullptr;
+        for (const CommandSpec & candidate : specs) {
+            if (command == candidate.name) {
+                spec = &candidate;
+            }
+        }
+        if (spec == nullptr) {
+            throw cli::UsageError("unknown command '" + command + "'");
+        }
+        std::vector<std::string> rest;
+        parseOptions(command, after, spec->options, false, globals, rest);
+        if (globals.modulePath.empty()) {
+            globals.modulePath = cli::defaultModulePath();
+        }
+
+        if (command == "version") {
+            if (asksHelp(rest)) {
+                std::cout << "usage: corvane version\n\nPrints the library's version as proxy requests carry it, and the\n"
+                             "versions of OpenSSL, websocketpp and log4cxx it was built with.\n";
+                return 0;
+            }
+            if (!rest.empty()) {
+                throw cli::UsageError("version takes no arguments");
+            }
+            return commandVersion();
+        }
+        if (command == "proxy-info") {
+            if (!asksHelp(rest)) {
+                cli::configureLogging(globals.logLevel, globals.logConfig);
+            }
+            return cli::commandProxyInfo(rest);
+        }
+        if (command == "run") {
+            cli::RunSettings settings;
+            settings.logLevel = globals.logLevelGiven ? globals.logLevel : std::string();
+            settings.logConfig = globals.logConfig;
+            settings.modulePath = globals.modulePath;
+            return cli::commandRun(settings, rest);
+        }
         using Command = int (*)(const cli::Context &, const std::vector<std::string> &);
         const std::vector<std::pair<std::string, Command>> commands = {
             {"info", commandInfo},
@@ -127,22 +261,14 @@ int main(int argc, char ** argv) {
         };
         for (const auto & entry : commands) {
             if (entry.first == command) {
-                cli::configureLogging(logLevel, logConfig);
                 cli::Context context;
-                context.modulePath = modulePath;
-                context.module = cli::loadModule(modulePath);
+                if (!asksHelp(rest)) {
+                    cli::configureLogging(globals.logLevel, globals.logConfig);
+                    context.modulePath = globals.modulePath;
+                    context.module = cli::loadModule(globals.modulePath);
+                }
                 return entry.second(context, rest);
             }
-        }
-        if (command == "version") {
-            if (!rest.empty()) {
-                throw cli::UsageError("version takes no arguments");
-            }
-            return commandVersion();
-        }
-        if (command == "proxy-info") {
-            cli::configureLogging(logLevel, logConfig);
-            return cli::commandProxyInfo(rest);
         }
         throw cli::UsageError("unknown command '" + command + "'");
     } catch (const cli::UsageError & e) {
