@@ -29,17 +29,9 @@ namespace {
 
 using corvane_test::waitFor;
 
-corvane_test::Material & material() {
-    static corvane_test::Material instance;
-    return instance;
-}
-
-std::string serverOptions() {
-    return "CertificateFile=" + material().serverCert + ";PrivateKeyFile=" + material().serverKey;
-}
-std::string clientOptions() {
-    return "EnableProxy=false;ValidateServerName=false;LoadCryptoCertStore=false;CAFile=" + material().caFile;
-}
+using corvane_test::material;
+const auto serverOptions = corvane_test::ServerOptions;
+const auto clientOptions = corvane_test::ClientOptions;
 
 const char * const kSchemes[] = {"tcp", "http", "ssl", "https", "ws", "wss"};
 

@@ -136,4 +136,13 @@ inline const Material & material() {
     return instance;
 }
 
+// Options for every scheme from this material: each transport reads its own keys. The client
+// trusts the test CA and goes direct.
+inline std::string ServerOptions() {
+    return "CertificateFile=" + material().serverCert + ";PrivateKeyFile=" + material().serverKey;
+}
+inline std::string ClientOptions() {
+    return "EnableProxy=false;ValidateServerName=false;LoadCryptoCertStore=false;CAFile=" + material().caFile;
+}
+
 }  // namespace corvane_test

@@ -24,18 +24,9 @@ using corvane_test::waitFor;
 const char * const kSchemes[] = {"tcp", "http", "https", "ssl", "ws", "wss"};
 const std::size_t kBytes = 1u << 20;
 
-corvane_test::Material & material() {
-    static corvane_test::Material instance;
-    return instance;
-}
-
-// Every server and client gets both kinds of settings; each transport reads its own keys.
-std::string serverOptions() {
-    return "CertificateFile=" + material().serverCert + ";PrivateKeyFile=" + material().serverKey;
-}
-std::string clientOptions() {
-    return "EnableProxy=false;ValidateServerName=false;LoadCryptoCertStore=false;CAFile=" + material().caFile;
-}
+using corvane_test::material;
+const auto serverOptions = corvane_test::ServerOptions;
+const auto clientOptions = corvane_test::ClientOptions;
 
 // A port that was free a moment ago: several transports turn port 0 into their default port.
 std::string uriOn(const std::string & scheme) {
