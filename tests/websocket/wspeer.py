@@ -8,6 +8,9 @@ until it is terminated. Modes:
   ping      pings the client, then reports "pong seen" once the pong came back
   close     echoes one message, then starts the close handshake (1000, "bye")
   drop      echoes one message, then drops the connection (no close frame, no close_notify)
+  reset     echoes messages until SECONDS bytes (a count here) came in, then resets the
+            connection (SO_LINGER 0)
+  hangup    answers the upgrade by hand, then closes at once
   frames    a text message, a binary message in three fragments, then "|end"
   reject    refuses the upgrade with 404 Not Found
   cut       reads the upgrade request, sends half a status line and closes
@@ -71,6 +74,18 @@ async def drop(ws, path):
     await ws.send(await ws.recv())
     await asyncio.sleep(0.2)
     ws.transport.abort()
+
+
+async def reset(ws, path):
+    received = 0
+    async for message in ws:
+        received += len(message)
+        if received >= SECONDS:
+            sock = ws.transport.get_extra_info("socket")
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, bytes(8))
+            ws.transport.abort()
+            return
+        await ws.send(message)
 
 
 async def frames(ws, path):
@@ -146,6 +161,28 @@ def deaf():
         conn.close()
 
 
+def hangup():
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(64)
+    print(listener.getsockname()[1], flush=True)
+    while True:
+        conn, _ = listener.accept()
+        conn.settimeout(30)
+        request = b""
+        try:
+            while b"\r\n\r\n" not in request:
+                chunk = conn.recv(4096)
+                if not chunk:
+                    break
+                request += chunk
+            conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                          "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+        except OSError:
+            pass
+        conn.close()
+
+
 def flood():
     listener = socket.socket()
     # Small buffers on both sides, so that the client's pongs back up quickly.
@@ -189,7 +226,7 @@ async def client(uri, count):
 
 async def main():
     handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
-                "reject": echo}
+                "reject": echo, "reset": reset}
     if MODE in handlers:
         extra = {"process_request": refuse} if MODE == "reject" else {}
         interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
@@ -215,6 +252,8 @@ if __name__ == "__main__":
         flood()
     elif MODE == "deaf":
         deaf()
+    elif MODE == "hangup":
+        hangup()
     elif MODE == "client":
         asyncio.run(client(sys.argv[2], int(sys.argv[3])))
     else:
