@@ -235,17 +235,4 @@ TEST(TunnelToWebSocket, WsTargetResetDuringTunnelSendEndsOnlyThatConnection) {
     close(bystander);
 }
 
-// A target that answers the upgrade and hangs up at once, many times over: each connection
-// ends, and nothing races on the way (ThreadSanitizer) or is used after it was freed.
-TEST(TunnelToWebSocket, WsTargetThatAnswersAndHangsUpEndsEachConnection) {
-    corvane_test::PythonPeer target("hangup");
-    TcpToWsTunnel tunnel(target.uri());
-    for (int round = 0; round < 40; ++round) {
-        int client = corvane_test::LoopbackConnect(tunnel.listenPort);
-        ASSERT_GE(client, 0);
-        EXPECT_TRUE(corvane_test::SeesEndOf(client)) << "round " << round;
-        close(client);
-    }
-}
-
 }  // namespace

@@ -448,6 +448,21 @@ TEST_F(WebSocketChannelTest, CloseOnReactorThreadBeforeFirstEventDoesNotBlock) {
     other->close();
 }
 
+// A peer that answers the upgrade and hangs up at once: the engine's connect handler runs on
+// this thread, the end on the reactor's, the release here again; the threaded build runs this
+// under ThreadSanitizer.
+TEST_F(WebSocketChannelTest, PeerThatAnswersAndHangsUpEndsEachChannel) {
+    PythonPeer hangup("hangup");
+    const int descriptors = corvane_test::CountOpenDescriptors();
+    for (int round = 0; round < 40; ++round) {
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        Common::SmartPtr<WebSocketChannel> channel = start(hangup, handler.get());
+        ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); })) << "round " << round;
+        EXPECT_EQ(handler->closes.load(), 1);
+    }
+    EXPECT_EQ(corvane_test::CountOpenDescriptors(), descriptors);
+}
+
 // A handler that throws, or a send in a callback on a failed socket, ends that channel alone
 // with onError: the reactor's dispatch must not throw, and the bystander goes on.
 TEST_F(WebSocketChannelTest, HandlerThatThrowsEndsOnlyItsChannel) {
