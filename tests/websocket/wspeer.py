@@ -11,6 +11,7 @@ until it is terminated. Modes:
   reset     echoes messages until SECONDS bytes (a count here) came in, then resets the
             connection (SO_LINGER 0)
   hangup    answers the upgrade by hand, then closes at once
+  deaf      answers the upgrade by hand, then reads and ignores everything
   frames    a text message, a binary message in three fragments, then "|end"
   reject    refuses the upgrade with 404 Not Found
   cut       reads the upgrade request, sends half a status line and closes
@@ -116,16 +117,26 @@ async def silent(reader, writer):
     writer.close()
 
 
-def flood_connection(conn):
+def answer_upgrade(conn):
+    """Reads the upgrade request and answers 101 by hand; False when the client left first."""
     conn.settimeout(30)
     request = b""
-    while b"\r\n\r\n" not in request:
-        chunk = conn.recv(4096)
-        if not chunk:
-            return
-        request += chunk
-    conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                  "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+    try:
+        while b"\r\n\r\n" not in request:
+            chunk = conn.recv(4096)
+            if not chunk:
+                return False
+            request += chunk
+        conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                      "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+    except OSError:
+        return False
+    return True
+
+
+def flood_connection(conn):
+    if not answer_upgrade(conn):
+        return
     frame = bytes([0x89, 125]) + b"p" * 125
     # Time for the client to reach the reactor before the flood ends it.
     time.sleep(0.5)
@@ -136,63 +147,25 @@ def flood_connection(conn):
         pass
 
 
-def deaf():
-    # Answers the upgrade, then reads and ignores everything: a close frame gets no answer.
-    listener = socket.socket()
-    listener.bind(("127.0.0.1", 0))
-    listener.listen(4)
-    print(listener.getsockname()[1], flush=True)
-    while True:
-        conn, _ = listener.accept()
-        conn.settimeout(30)
-        request = b""
-        while b"\r\n\r\n" not in request:
-            chunk = conn.recv(4096)
-            if not chunk:
-                break
-            request += chunk
-        conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                      "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
-        try:
-            while conn.recv(4096):
-                pass
-        except OSError:
+def deaf_connection(conn):
+    # Reads and ignores everything: a close frame gets no answer.
+    try:
+        while conn.recv(4096):
             pass
-        conn.close()
+    except OSError:
+        pass
 
 
-def hangup():
+def serve_by_hand(each, receive_buffer=None):
     listener = socket.socket()
+    if receive_buffer:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     listener.bind(("127.0.0.1", 0))
     listener.listen(64)
     print(listener.getsockname()[1], flush=True)
     while True:
         conn, _ = listener.accept()
-        conn.settimeout(30)
-        request = b""
-        try:
-            while b"\r\n\r\n" not in request:
-                chunk = conn.recv(4096)
-                if not chunk:
-                    break
-                request += chunk
-            conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                          "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
-        except OSError:
-            pass
-        conn.close()
-
-
-def flood():
-    listener = socket.socket()
-    # Small buffers on both sides, so that the client's pongs back up quickly.
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-    listener.bind(("127.0.0.1", 0))
-    listener.listen(4)
-    print(listener.getsockname()[1], flush=True)
-    while True:
-        conn, _ = listener.accept()
-        flood_connection(conn)
+        each(conn)
         conn.close()
 
 
@@ -249,11 +222,12 @@ if __name__ == "__main__":
     # A test that dies without stopping its peer must not leave it behind.
     threading.Thread(target=exit_with_parent, daemon=True).start()
     if MODE == "flood":
-        flood()
+        # Small buffers on both sides, so that the client's pongs back up quickly.
+        serve_by_hand(flood_connection, receive_buffer=4096)
     elif MODE == "deaf":
-        deaf()
+        serve_by_hand(lambda conn: answer_upgrade(conn) and deaf_connection(conn))
     elif MODE == "hangup":
-        hangup()
+        serve_by_hand(answer_upgrade)
     elif MODE == "client":
         asyncio.run(client(sys.argv[2], int(sys.argv[3])))
     else:
