@@ -373,8 +373,10 @@ TEST_P(BothSchemes, CloseAfterOnCloseWritesNothingToReusedNumber) {
     std::unique_ptr<PythonPeer> closing = peer("close");
     Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
     handler->queue("hello");
-    Common::SmartPtr<WebSocketChannel> channel = start(*closing, handler.get());
+    Common::SmartPtr<WebSocketChannel> channel = open(*closing);
     const int number = static_cast<int>(channel->getSocket());
+    channel->setChannelHandler(handler.get());
+    m_reactor->registerSubscriber(channel.get());
     ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); }));
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
