@@ -450,35 +450,32 @@ short WebSocketChannel::getEventMask() noexcept {
 
 bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_nLastEventTime = now;
-    bool alive;
     try {
         if (m_bHandlerThrew) {
             LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught in getEventMask");
-            alive = endAfterException();
-        } else {
-            alive = dispatch(events);
+        } else if (dispatch(events)) {
+            return true;
         }
     } catch (const std::exception & e) {
         LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught: " << e.what());
-        alive = endAfterException();
     } catch (...) {
         LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: unknown exception caught");
-        alive = endAfterException();
     }
-    if (!alive) {
-        markEnded();
-    }
-    return alive;
+    endAfterEvent();
+    return false;
 }
 
-bool WebSocketChannel::endAfterException() {
+void WebSocketChannel::endAfterEvent() noexcept {
+    // Every end reaches the handler, once (a failed write or a refused read too): a tunnel
+    // would otherwise keep the other half of the connection open. An owner that closed the
+    // channel has no handler left here.
     try {
         endInput();
         reportEnd(m_ChannelHandler.get(), true);
     } catch (...) {
         LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught while ending the channel");
     }
-    return false;
+    markEnded();
 }
 
 void WebSocketChannel::markEnded() {

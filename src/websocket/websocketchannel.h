@@ -119,8 +119,8 @@ private:
     bool onWebSocketPing(std::weak_ptr<void> hdl, std::string payload);
 
     bool dispatch(short events);
-    // After a handler or a send inside a callback threw: ends this channel alone.
-    bool endAfterException();
+    // After onEvents failed (or a handler threw): tells the handler, lets go of the engine.
+    void endAfterEvent() noexcept;
     bool onReactorThread() const;
     void markEnded();
     bool flushWriteToSocket();
