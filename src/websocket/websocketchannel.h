@@ -8,8 +8,9 @@
 // subscribed; in between the reactor thread pumps. Kept alive by the reactor while
 // registered and by its owner's references. The socket is closed once, by whoever comes
 // first: the owner's close(), or the reactor when the channel reports its end (or at the
-// sweep); the destructor closes nothing. Nothing touches the socket after that close: a host
-// thread checks it under the reactor's lock, under which the reactor closes it.
+// sweep), always through closeSocket; the destructor closes nothing. Nothing touches the
+// socket after that close: every write and TLS call checks it under m_SendMutex, under which
+// closeSocket closes it.
 #pragma once
 
 #include <cstdint>
