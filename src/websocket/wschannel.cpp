@@ -97,13 +97,14 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
             throw InternalException(("unable to connect:" + m_Connection->get_ec().message()).c_str());
         }
         if (!m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
-                                  [this] { return m_bHandshakeDone.load(); })) {
+                                  [this] { return m_bHandshakeDone.load() || m_bBelowEnded.load(); })) {
             throw InternalException(
                 ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());
         }
-        if (!m_bOpen) {
+        if (!m_bOpen || m_bBelowEnded) {
             // A peer that closed during the handshake has taken the connection with it.
-            std::string text = m_Connection ? m_Connection->get_ec().message() : "connection closed during the handshake";
+            std::string text = m_Connection && !m_bBelowEnded ? m_Connection->get_ec().message()
+                                                              : "connection closed during the handshake";
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
             }
@@ -164,6 +165,11 @@ void WSChannel::terminateConnection_i() {
     } catch (const websocketpp::exception & e) {
         LOG4CXX_DEBUG(logger, "terminateConnection[" << m_strDescription << "]: " << e.what());
     }
+    // An open() waiting for the handshake, or a close() waiting for the answer, learns at once
+    // that none will come: the engine tells no handler when the connection ends this way.
+    m_bHandshakeDone = true;
+    m_bOpen = false;
+    m_Condition.notify_all();
 }
 
 void WSChannel::finishDeferred() {
@@ -442,12 +448,22 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
 
 void WSChannel::onClose() {
     LOG4CXX_TRACE(logger, "onClose[" << m_strDescription << "]");
+    m_bBelowEnded = true;
     guarded("onClose", [this] { terminateConnection(); });
+    wakeWaiters();
 }
 
 void WSChannel::onError() {
     LOG4CXX_TRACE(logger, "onError[" << m_strDescription << "]");
+    m_bBelowEnded = true;
     guarded("onError", [this] { terminateConnection(); });
+    wakeWaiters();
+}
+
+void WSChannel::wakeWaiters() {
+    // Taken once after the flag was set: a waiter is then either before its check or asleep.
+    { std::lock_guard<std::mutex> lock(m_Mutex); }
+    m_Condition.notify_all();
 }
 
 template <typename Body>
@@ -570,12 +586,14 @@ void WSChannel::close() {
             m_ChannelHandler = nullptr;
         }
         try {
+            // A connection that has ended already has nobody to answer a close frame.
+            const bool answerExpected = m_Connection && m_bOpen;
             if (m_Connection) {
                 m_Connection->close(websocketpp::close::status::normal, "close");
                 m_bClosing = true;
             }
             // On the reactor thread the answer could never arrive during the wait.
-            if (std::this_thread::get_id() != m_ReactorThread.load() &&
+            if (answerExpected && std::this_thread::get_id() != m_ReactorThread.load() &&
                 !m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
                                       [this] { return !m_bOpen; })) {
                 throw InternalException("timeout while waiting for connection close to complete");

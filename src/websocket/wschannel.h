@@ -172,6 +172,10 @@ private:
     std::atomic<bool> m_bClosing;
     // Read without the lock by hasPendingWrite on the reactor thread.
     std::atomic<bool> m_bHandshakeDone;
+    // After m_bBelowEnded: open() and close() stop waiting for an answer.
+    void wakeWaiters();
+    // The channel below reported its end: no handshake can finish any more.
+    std::atomic<bool> m_bBelowEnded{false};
     std::atomic<bool> m_bOpen;
     // Guards the handler reference alone: hasPendingWrite reads it on the reactor thread
     // under the reactor's lock, where m_Mutex must not be taken.

@@ -133,7 +133,9 @@ protected:
         material();
         reactor = new socketio::SelectReactor(1000, 600000, 20);
         reactor->startProcessing();
-        factory = new net::ChannelFactory(net::SocketOptions());
+        net::SocketOptions options;
+        options.backlog = 128;  // a burst of hostile clients must not wait for SYN retries
+        factory = new net::ChannelFactory(options);
         baseline = corvane_test::CountOpenDescriptors();
     }
     void TearDown() override {
