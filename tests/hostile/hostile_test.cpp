@@ -21,6 +21,7 @@
 #include "sockets.h"
 #include "testacceptor.h"
 #include "../tls/tlsmaterial.h"
+#include "socketio/iselecteventsubscriber.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
 #include "websocket/websockettransportprotocol.h"
@@ -277,7 +278,7 @@ TEST_F(Hostile, ServerClosedInsideAcceptKeepsAcceptedChannel) {
 }
 
 // A host thread sends while the reactor ends the channel: once the number is closed, it may be
-// handed out again at once, and the host's send must never reach what took it.
+// handed out again at once (here to socket pairs), and the host's send must never reach it.
 TEST_F(Hostile, HostThreadSendNeverReachesReusedNumber) {
     unsigned short port = 0;
     int listener = corvane_test::LoopbackListen(port);
@@ -290,23 +291,26 @@ TEST_F(Hostile, HostThreadSendNeverReachesReusedNumber) {
         std::atomic<bool> stop{false};
         std::thread sender([&] {
             const char byte = 'h';
-            for (int i = 0; i < 100000 && !stop.load(); ++i) {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            while (!stop.load() && std::chrono::steady_clock::now() < deadline) {
                 channel->getWriteDataStream()->send(1, &byte);
             }
         });
+        const int number = static_cast<int>(dynamic_cast<socketio::ISelectEventSubscriber *>(channel.get())->getSocket());
         resetAndClose(peer);
-        ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
-        // Pipes take the lowest free numbers, the channel's old one among them.
-        int pipes[8][2];
-        for (auto & p : pipes) {
-            ASSERT_EQ(0, pipe2(p, O_NONBLOCK | O_CLOEXEC));
+        ASSERT_TRUE(waitFor([&] { return handler->ended() && fcntl(number, F_GETFD) < 0; }));
+        // Socket pairs take the lowest free numbers, the channel's old one among them.
+        int pairs[8][2];
+        for (auto & p : pairs) {
+            ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, p));
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         stop = true;
         sender.join();
-        for (auto & p : pipes) {
+        for (auto & p : pairs) {
             char byte;
-            EXPECT_EQ(-1, read(p[0], &byte, 1)) << "a send reached pipe " << p[1];
+            EXPECT_EQ(-1, recv(p[0], &byte, 1, 0)) << "a send reached descriptor " << p[1];
+            EXPECT_EQ(-1, recv(p[1], &byte, 1, 0)) << "a send reached descriptor " << p[0];
             close(p[0]);
             close(p[1]);
         }
