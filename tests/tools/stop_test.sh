@@ -51,11 +51,13 @@ else:
 print(listener.getsockname()[1], flush=True)
 if sys.argv[1] == "never-reads":
     fillers.append(listener.accept()[0])
+    print("accepted", flush=True)
 time.sleep(60)
 PY
 python3 "$tmp/peers.py" full-backlog > "$tmp/silent.port" & pids+=($!)
 python3 "$tmp/peers.py" never-reads > "$tmp/deaf.port" & pids+=($!)
 wait_for "$tmp/silent.port" . && wait_for "$tmp/deaf.port" . || exit 1
+deaf_port=$(head -n 1 "$tmp/deaf.port")
 
 "$corvane" connect "tcp://127.0.0.1:$(cat "$tmp/silent.port")" < /dev/null > /dev/null 2> "$tmp/c1.err" & client=$!
 sleep 0.5
@@ -63,8 +65,10 @@ check "connect blocked in the handshake ends on SIGTERM" stops_in_time "$client"
     "stopped by SIGTERM while connecting to tcp://127.0.0.1:"
 
 head -c $((64 << 20)) /dev/zero > "$tmp/zeros"
-"$corvane" connect "tcp://127.0.0.1:$(cat "$tmp/deaf.port")" < "$tmp/zeros" > /dev/null 2> "$tmp/c2.err" & client=$!
-sleep 0.5
+"$corvane" connect "tcp://127.0.0.1:$deaf_port" < "$tmp/zeros" > /dev/null 2> "$tmp/c2.err" & client=$!
+# Past the connect (the peer took it), and a moment for the data to fill the socket buffers:
+# under load the host may need a while to start.
+wait_for "$tmp/deaf.port" accepted > /dev/null; sleep 0.3
 check "connect sending to a peer that never reads ends on SIGTERM" stops_in_time "$client" 0 "$tmp/c2.err"
 
 # The echo server with one client in a conversation and one that sends and never reads, so
