@@ -128,8 +128,13 @@ check "failed name check" one_line_error "validateCertificates: Common name does
     timeout 10 "$corvane" connect "ssl://127.0.0.1:$tls_port" --options "$client_tls"
 timeout 10 "$corvane" serve ssl://127.0.0.1:0 --options "CertificateFile=$tmp/missing.pem" > /dev/null 2> "$tmp/err"
 status=$?
-check "server without its certificate" grep -q "unable to load certificate file '$tmp/missing.pem'" "$tmp/err"
-check "server without its certificate exits 1" test "$status" -eq 1
+check "server with a missing certificate file names it and the cause" \
+    grep -qF "unable to load certificate file '$tmp/missing.pem': No such file or directory" "$tmp/err"
+check "server with a missing certificate file exits 1" test "$status" -eq 1
+check "server without a certificate" one_line_error "a TLS server needs a certificate" \
+    timeout 10 "$corvane" serve ssl://127.0.0.1:0
+check "NoCertify accepts any certificate and name" \
+    sh -c "echo hi | timeout 10 '$corvane' connect 'ssl://127.0.0.1:$tls_port' --options NoCertify=true | grep -qx hi"
 
 # 64 MiB full duplex through a tcp->ssl tunnel in front of the TLS echo server.
 head -c $((64 << 20)) /dev/urandom > "$tmp/big"
