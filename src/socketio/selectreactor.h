@@ -66,6 +66,10 @@ public:
     // subscriber whose interest changed on another thread.
     void wakeUp();
 
+    // Any thread: whether the caller is this reactor's thread. A subscriber must not wait for
+    // its peer there, as the answer may have to come through this very reactor.
+    bool onReactorThread() const;
+
     // Linear searches, with m_lock held; a refusal is collected (erased) once.
     bool hasSubscriber(ISelectEventSubscriber * subscriber) const;
     bool hasFailedSubscriber(ISelectEventSubscriber * subscriber);
@@ -130,7 +134,6 @@ private:
     void dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
                         const std::vector<short> & wanted, const std::vector<bool> & pendingFlags,
                         const std::vector<bool> & closedFlags);
-    bool onReactorThread() const;
 
     const int m_deadSocketTimeout;
     const int m_deadSocketCheckInterval;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "common/logging.h"
 #include "tunnel/tunnelstore.h"
@@ -93,6 +94,7 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
         return;
     }
     bool allocationFailed = false;
+    bool sendFailed = false;
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         // Logged under the lock: the outgoing end point gets its description from setChannel on
@@ -140,16 +142,21 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
                 m_writePos = m_buffer;
             }
             // Forwarded at once where the peer's channel takes it: waiting for the peer's
-            // onWrite would cost a whole reactor cycle per direction. A failure is left to the
-            // peer's own onWrite, which ends the tunnel.
+            // onWrite would cost a whole reactor cycle per direction.
             if (m_peer && m_peer->m_channel) {
-                m_peer->sendFromPeerRing_i(m_peer->m_channel->getWriteDataStream());
+                sendFailed = m_peer->sendFromPeerRing_i(m_peer->m_channel->getWriteDataStream()) < 0;
             }
-            return;
+            if (!sendFailed) {
+                return;
+            }
         }
     }
-    LOG4CXX_ERROR(logger, "onRead[" << lockedDescription() << "]: cannot allocate a ring of " << m_bufferSize
-                                    << " bytes, closing the tunnel");
+    if (sendFailed) {
+        LOG4CXX_INFO(logger, "onRead[" << lockedDescription() << "]: send failed, closing the tunnel");
+    } else {
+        LOG4CXX_ERROR(logger, "onRead[" << lockedDescription() << "]: cannot allocate a ring of " << m_bufferSize
+                                        << " bytes, closing the tunnel");
+    }
     close();
 }
 
@@ -168,7 +175,15 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     if (length > kMaxStreamCall) {
         length = kMaxStreamCall;
     }
-    int sent = stream->send(static_cast<int>(length), peer->m_readPos);
+    int sent;
+    try {
+        sent = stream->send(static_cast<int>(length), peer->m_readPos);
+    } catch (const std::exception &) {
+        // A WebSocket channel's send throws when its socket fails; here, inside a callback
+        // that must not throw, that is a failed send like any other. Its text is logged where
+        // it was thrown.
+        sent = -1;
+    }
     // 0: the stream would block, retry on the next onWrite.
     if (sent > 0) {
         const auto moved = static_cast<std::uint32_t>(sent);

@@ -8,7 +8,9 @@ namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.websocket.InternalException");
 }
 
-InternalException::InternalException(const char * message) : RuntimeException(message, false) {
+InternalException::InternalException(const char * message) : InternalException(message, true) {}
+
+InternalException::InternalException(const char * message, bool /*logIt*/) : RuntimeException(message, false) {
     LOG4CXX_WARN(logger, what());
 }
 

@@ -9,6 +9,8 @@ namespace websocket {
 class InternalException : public net::RuntimeException {
 public:
     explicit InternalException(const char * message);
+    // The form every namespace has. `logIt` is ignored: this class always logs.
+    InternalException(const char * message, bool logIt);
     InternalException(const InternalException & other) = default;
     ~InternalException() override;
 };

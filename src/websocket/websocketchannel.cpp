@@ -76,7 +76,9 @@ WebSocketChannel::WebSocketChannel(unsigned int hSocket, const socketio::socket_
       m_bInputEnded(false),
       m_OutputBuffer(static_cast<std::int64_t>(options.receiveBufferSize)),
       m_bOutputOverflow(false),
-      m_bEnded(false) {
+      m_bEnded(false),
+      m_bEndReported(false),
+      m_bHandlerThrew(false) {
     LOG4CXX_TRACE(m_log, "ctor");
     LOG4CXX_INFO(m_log, "initializing using rcvBuf=" << options.receiveBufferSize
                                                       << " and sndBuf=" << options.sendBufferSize);
@@ -191,13 +193,7 @@ bool WebSocketChannel::readDataFromSocketToWebSocket() {
                                                           << n << " bytes");
     if (n <= 0) {
         endInput();
-        if (handler) {
-            if (n == 0) {
-                handler->onClose();
-            } else {
-                handler->onError();
-            }
-        }
+        reportEnd(handler.get(), n != 0);
         return false;
     }
     return feedEngine(static_cast<std::size_t>(n), handler.get());
@@ -206,6 +202,18 @@ bool WebSocketChannel::readDataFromSocketToWebSocket() {
 void WebSocketChannel::endInput() {
     m_bInputEnded = true;
     endEngineInput();
+}
+
+void WebSocketChannel::reportEnd(net::IChannelHandler * handler, bool error) {
+    if (handler == nullptr || m_bEndReported) {
+        return;
+    }
+    m_bEndReported = true;
+    if (error) {
+        handler->onError();
+    } else {
+        handler->onClose();
+    }
 }
 
 bool WebSocketChannel::feedEngine(std::size_t n, net::IChannelHandler * handler) {
@@ -224,9 +232,7 @@ bool WebSocketChannel::feedEngine(std::size_t n, net::IChannelHandler * handler)
                                                                   << "]: reply of the engine does not fit the output buffer, "
                                                                   << kOverflowText);
             endInput();
-            if (handler != nullptr) {
-                handler->onError();
-            }
+            reportEnd(handler, true);
             return false;
         }
         if (consumed < n) {
@@ -259,6 +265,11 @@ bool WebSocketChannel::flushWriteToSocket_i() {
     if (m_OutputBuffer.readAvailable() == 0) {
         return true;
     }
+    if (m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+        // The reactor has closed the socket (the channel had ended): its number may belong to
+        // another connection by now, so nothing is written, not even a close frame.
+        return false;
+    }
     const int n = sendOutput_i();
     LOG4CXX_TRACE(m_log, "flushWriteToSocket[" << m_strDescription << "]: " << senderName() << "() -> " << n << " bytes");
     if (n < 0) {
@@ -278,7 +289,23 @@ void WebSocketChannel::writeToHandlerAndFlush() {
 
 int WebSocketChannel::send(int nMaxSize, const void * data) {
     bool outputLeft = false;
-    const int sent = sendLocked(nMaxSize, data, outputLeft);
+    if (onReactorThread()) {
+        // Inside a callback: an exception would end the process in the reactor's dispatch,
+        // which must not throw. The failure of the socket shows on the channel's own events.
+        // The reactor asks for the masks again after the dispatch, so no wake-up is needed.
+        try {
+            return sendLocked(nMaxSize, data, outputLeft);
+        } catch (const std::exception &) {
+            return -1;
+        }
+    }
+    int sent;
+    {
+        // The reactor closes the socket under its lock (after the channel reported its end,
+        // or at the sweep): under that lock the socket that is written is still this one.
+        socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+        sent = sendLocked(nMaxSize, data, outputLeft);
+    }
     // What the socket did not take waits in the ring for the reactor's write events: a running
     // wait would otherwise ask for them only after its time-out. Outside the send lock, which
     // the reactor thread takes under its own lock.
@@ -288,10 +315,14 @@ int WebSocketChannel::send(int nMaxSize, const void * data) {
     return sent;
 }
 
+bool WebSocketChannel::onReactorThread() const {
+    return m_homeReactor && m_homeReactor->onReactorThread();
+}
+
 int WebSocketChannel::sendLocked(int nMaxSize, const void * data, bool & outputLeft) {
     LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
-    if (!m_Connection || m_bEnded) {
+    if (!m_Connection || m_bEnded || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
         // Never opened, or the reactor or close() has let go of the socket: the connection
         // has failed as far as the sender is concerned, and a sender waiting for room would
         // otherwise wait for ever.
@@ -395,30 +426,56 @@ void WebSocketChannel::setReactor(socketio::SelectReactor * reactor, const std::
 
 short WebSocketChannel::getEventMask() noexcept {
     short mask = 0;
-    if (!m_ReadMessageBuffer.empty()) {
-        // Messages wait for the handler: the socket is not read meanwhile, which is the
-        // channel's flow control towards the peer.
-        mask = socketio::SELECT_EVENT_PENDING;
-    } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
-        mask = socketio::SELECT_EVENT_READ;
-        if (inputPending()) {
-            mask |= socketio::SELECT_EVENT_PENDING;
+    try {
+        if (!m_ReadMessageBuffer.empty()) {
+            // Messages wait for the handler: the socket is not read meanwhile, which is the
+            // channel's flow control towards the peer.
+            mask = socketio::SELECT_EVENT_PENDING;
+        } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
+            mask = socketio::SELECT_EVENT_READ;
+            if (inputPending()) {
+                mask |= socketio::SELECT_EVENT_PENDING;
+            }
         }
-    }
-    if (outputWaiting() || (m_ChannelHandler && m_ChannelHandler->hasPendingWrite())) {
-        mask |= socketio::SELECT_EVENT_WRITE;
+        if (outputWaiting() || (m_ChannelHandler && m_ChannelHandler->hasPendingWrite())) {
+            mask |= socketio::SELECT_EVENT_WRITE;
+        }
+    } catch (...) {
+        // The handler threw: the channel ends at the event that this asks for at once.
+        m_bHandlerThrew = true;
+        mask = socketio::SELECT_EVENT_PENDING;
     }
     return mask;
 }
 
 bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_nLastEventTime = now;
-    m_reactorThread = std::this_thread::get_id();
-    if (!dispatch(events)) {
-        markEnded();
-        return false;
+    try {
+        if (m_bHandlerThrew) {
+            LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught in getEventMask");
+        } else if (dispatch(events)) {
+            return true;
+        }
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught: " << e.what());
+    } catch (...) {
+        LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: unknown exception caught");
     }
-    return true;
+    endAfterEvent();
+    return false;
+}
+
+void WebSocketChannel::endAfterEvent() noexcept {
+    // Every end reaches the handler, once (a failed write or a refused read too): a tunnel
+    // would otherwise keep the other half of the connection open. An owner that closed the
+    // channel has no handler left here.
+    try {
+        endInput();
+        reportEnd(m_ChannelHandler.get(), true);
+    } catch (...) {
+        LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught while ending the channel");
+    }
+    markEnded();
 }
 
 void WebSocketChannel::markEnded() {
@@ -430,6 +487,13 @@ bool WebSocketChannel::dispatch(short events) {
     Common::SmartPtr<net::IChannelHandler> handler = m_ChannelHandler;
     if (handler && ((events & socketio::SELECT_EVENT_PENDING) != 0 || !m_ReadMessageBuffer.empty())) {
         m_ReadMessageBuffer.deliverTo(handler.get());
+    }
+    if (m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+        // The sweep closed the socket: the end is told without a read, which would reach
+        // through the closed number (in the TLS twin, OpenSSL keeps the number for itself).
+        endInput();
+        reportEnd(handler.get(), true);
+        return false;
     }
     const bool readable = (events & socketio::SELECT_EVENT_READ) != 0 ||
                           ((events & socketio::SELECT_EVENT_PENDING) != 0 && inputPending());
@@ -484,7 +548,7 @@ void WebSocketChannel::close() {
                 // The close frame found no room: the socket is closed all the same, so that
                 // the owner is not left with a socket that nobody will close.
                 LOG4CXX_WARN(m_log, "close[" << m_strDescription << "]: " << kOverflowText);
-            } else if (std::this_thread::get_id() == m_reactorThread.load()) {
+            } else if (onReactorThread()) {
                 flushWriteToSocket();
             } else {
                 processUntil([this] { return !m_bOpen; });

@@ -6,17 +6,17 @@
 //
 // Opening and closing pump the socket on the caller's thread while the channel is not
 // subscribed; in between the reactor thread pumps. Kept alive by the reactor while
-// registered and by its owner's references. The owner calls close(); the destructor closes
-// nothing.
+// registered and by its owner's references. The socket is closed once, by whoever comes
+// first: the owner's close(), or the reactor when the channel reports its end (or at the
+// sweep); the destructor closes nothing. Nothing touches the socket after that close: a host
+// thread checks it under the reactor's lock, under which the reactor closes it.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include <websocketpp/client.hpp>
@@ -55,8 +55,9 @@ public:
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
     const char * getDescription() const override { return m_strDescription.c_str(); }
     // Any thread: leaves the reactor, runs the close handshake on this thread, closes the
-    // socket. On the reactor thread the close frame goes out and no answer is awaited. No
-    // handler call results. Harmless when repeated.
+    // socket. On the reactor's thread the close frame goes out and no answer is awaited (it
+    // may have to come through this very reactor). No handler call results. Harmless when
+    // repeated.
     void close() override;
     net::IWriteDataStream * getWriteDataStream() override { return this; }
     net::IChannelHandler * getChannelHandler() const override { return m_ChannelHandler.get(); }
@@ -96,13 +97,16 @@ protected:
     bool feedEngine(std::size_t n, net::IChannelHandler * handler);
     // The end of input: the engine is told, the pump loops stop.
     void endInput();
+    // Reactor thread: tells the handler (if any) of the end of the connection, once.
+    void reportEnd(net::IChannelHandler * handler, bool error);
 
     const log4cxx::LoggerPtr & m_log;
 
 private:
     // Any thread. One binary message of at most the ring's free room less 128 bytes (the
     // room kept for the frame header); 0 when no more fits now; -1 once the channel has
-    // ended. Throws websocket::InternalException when the socket fails.
+    // ended. Throws websocket::InternalException when the socket fails, except on the
+    // reactor's thread, where it answers -1: inside a callback a failed send is a failed send.
     int send(int nMaxSize, const void * data) override;
 
     // Engine callbacks: they run inside an engine call, on the thread that made it, with
@@ -115,6 +119,9 @@ private:
     bool onWebSocketPing(std::weak_ptr<void> hdl, std::string payload);
 
     bool dispatch(short events);
+    // After onEvents failed (or a handler threw): tells the handler, lets go of the engine.
+    void endAfterEvent() noexcept;
+    bool onReactorThread() const;
     void markEnded();
     bool flushWriteToSocket();
     bool flushWriteToSocket_i();  // m_SendMutex held
@@ -162,11 +169,11 @@ protected:
     bool m_bOutputOverflow;     // GUARDED_BY(m_SendMutex)
     // Set before the reactor or close() lets go of the socket: from then on send touches
     // neither the engine nor the socket, which may already be closed and its number reused.
+    // (The sweep closes the socket first: there the invalid handle tells it.)
     bool m_bEnded;  // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
-    // The thread of onEvents: close() there cannot wait for the peer's answer, which may have
-    // to come through this very reactor (a tunnel to a WebSocket server of the same host).
-    std::atomic<std::thread::id> m_reactorThread;
+    bool m_bEndReported;  // reactor thread
+    bool m_bHandlerThrew;  // reactor thread
 };
 
 }  // namespace websocket

@@ -35,7 +35,8 @@ net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying
             new WSChannel(static_cast<unsigned int>(m_SocketOptions.sendBufferSize),
                           static_cast<unsigned int>(m_SocketOptions.receiveBufferSize), m_bSecure, true));
         channel->takeNamesOf(underlying);
-        Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor->accept(channel.get()));
+        // A server made without an acceptor refuses every connection.
+        Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor ? m_Acceptor->accept(channel.get()) : nullptr);
         if (!handler) {
             LOG4CXX_INFO(logger, "not accepting connection '" << underlying->getDescription());
             return nullptr;

@@ -2,6 +2,8 @@
 
 #include <openssl/err.h>
 
+#include <cerrno>
+
 #include "common/logging.h"
 #include "tls/sslexception.h"
 
@@ -19,9 +21,13 @@ int ssl_recv(SSL * ssl, char * buffer, int length) {
     bool wantRead = false;
     int r = 0;
     int e = SSL_ERROR_NONE;
+    int savedErrno = 0;
     for (;;) {
         ERR_clear_error();
         r = SSL_read(ssl, buffer + (length - remaining), remaining);
+        // Saved at once: the trace lines below may change errno, which the would-block test
+        // reads through sslErrorText.
+        savedErrno = errno;
         LOG4CXX_TRACE(openssl, "SSL_read( ssl, buf = " << static_cast<void *>(buffer + (length - remaining))
                                                        << ", num = " << remaining << ") --> " << r);
         e = SSL_get_error(ssl, r);
@@ -45,6 +51,7 @@ int ssl_recv(SSL * ssl, char * buffer, int length) {
         LOG4CXX_WARN(logger, "ssl_recv: ==> SSL_ERROR_WANT_WRITE-> r = " << r << ", falling through to default case");
     }
     int code = 0;
+    errno = savedErrno;
     const std::string text = tools::sslErrorText(e, "SSL_read", &code);
     const int count = length - remaining;
     if (code != tools::kWouldBlock) {
@@ -72,6 +79,7 @@ int ssl_send(SSL * ssl, OutputRing & buffer, const char *& wantWritePos, unsigne
     int total = 0;
     int r = 0;
     int e = SSL_ERROR_NONE;
+    int savedErrno = 0;
     for (;;) {
         if (wantWritePos == nullptr || wantWriteCount == 0) {
             wantWritePos = buffer.readPointer();
@@ -79,6 +87,7 @@ int ssl_send(SSL * ssl, OutputRing & buffer, const char *& wantWritePos, unsigne
         }
         ERR_clear_error();
         r = SSL_write(ssl, wantWritePos, static_cast<int>(wantWriteCount));
+        savedErrno = errno;
         LOG4CXX_TRACE(openssl, "SSL_write( ssl, buf = " << static_cast<const void *>(wantWritePos)
                                                         << ", num = " << wantWriteCount << ") --> " << r);
         e = SSL_get_error(ssl, r);
@@ -101,6 +110,7 @@ int ssl_send(SSL * ssl, OutputRing & buffer, const char *& wantWritePos, unsigne
     if (e == SSL_ERROR_WANT_READ) {
         LOG4CXX_WARN(logger, "ssl_send: ==> SSL_ERROR_WANT_READ-> r = " << r << ", falling through to default case");
     }
+    errno = savedErrno;
     LOG4CXX_ERROR(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
     return -1;
 }
@@ -114,7 +124,20 @@ WebSocketSSLChannel::WebSocketSSLChannel(unsigned int hSocket, ssl_st * ssl, ssl
       m_wantWritePos(nullptr),
       m_wantWriteCount(0) {}
 
-WebSocketSSLChannel::~WebSocketSSLChannel() = default;
+WebSocketSSLChannel::~WebSocketSSLChannel() {
+    // A channel let go without close() (one that reported its end to a tunnel, say) still
+    // owns its SSL. Its socket is closed by then or belongs to the owner, so no close_notify
+    // is sent from here: SSL_free alone sends nothing.
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (m_ssl != nullptr) {
+        SSL_free(m_ssl);
+        m_ssl = nullptr;
+    }
+    if (m_sslContext != nullptr) {
+        SSL_CTX_free(m_sslContext);
+        m_sslContext = nullptr;
+    }
+}
 
 void WebSocketSSLChannel::prepareTransport() {
     std::lock_guard<std::mutex> guard(m_SendMutex);
@@ -134,12 +157,13 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
     int n;
     {
         std::unique_lock<std::mutex> guard(m_SendMutex);
-        if (m_ssl == nullptr) {
+        if (m_ssl == nullptr || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
             return false;
         }
         char byte;
         ERR_clear_error();
         const int peeked = SSL_peek(m_ssl, &byte, 1);
+        const int savedErrno = errno;
         LOG4CXX_TRACE(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: SSL_peek( ssl = "
                                                               << static_cast<void *>(m_ssl) << ", buf = "
                                                               << static_cast<void *>(&byte) << ", num = 1 ) --> " << peeked);
@@ -151,13 +175,12 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
             if (e == SSL_ERROR_ZERO_RETURN) {
                 guard.unlock();
                 endInput();
-                if (handler) {
-                    handler->onClose();
-                }
+                reportEnd(handler.get(), false);
                 return false;
             }
             if (e != SSL_ERROR_WANT_READ) {
                 int code = 0;
+                errno = savedErrno;
                 const std::string text = tools::sslErrorText(e, "SSL_peek", &code);
                 if (code == tools::kWouldBlock) {
                     return true;
@@ -165,9 +188,7 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
                 guard.unlock();
                 LOG4CXX_ERROR(m_log, "read event failed:" << text);
                 endInput();
-                if (handler) {
-                    handler->onError();
-                }
+                reportEnd(handler.get(), true);
                 return false;
             }
         }
@@ -192,7 +213,7 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
 }
 
 int WebSocketSSLChannel::sendOutput_i() {
-    if (m_ssl == nullptr) {
+    if (m_ssl == nullptr || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
         return -1;
     }
     return ssl_send(m_ssl, m_OutputBuffer, m_wantWritePos, m_wantWriteCount);
@@ -200,8 +221,12 @@ int WebSocketSSLChannel::sendOutput_i() {
 
 void WebSocketSSLChannel::releaseTransport_i() {
     if (m_ssl != nullptr) {
-        // close_notify follows the WebSocket close frame that the close handshake pumped out.
-        SSL_shutdown(m_ssl);
+        // close_notify follows the WebSocket close frame that the close handshake pumped out,
+        // unless the reactor has closed the socket already: its number may be another
+        // connection's by now.
+        if (m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+            SSL_shutdown(m_ssl);
+        }
         SSL_free(m_ssl);
         m_ssl = nullptr;
     }

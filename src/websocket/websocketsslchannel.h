@@ -1,9 +1,10 @@
 // websocket::WebSocketSSLChannel: the client channel of a "wss" URI, the TLS twin of
 // websocket::WebSocketChannel. Everything above the bottom layer is the plain channel's; below
 // it an OpenSSL connection whose handshake has finished before the channel is made takes the
-// place of the socket calls. Owned like the plain channel; the SSL is freed by close() (the
-// destructor frees nothing). Every call on the SSL is made with m_SendMutex held, so that a
-// host thread's send and the reactor's read never meet in OpenSSL.
+// place of the socket calls. Owned like the plain channel; the SSL is freed by close(), or by
+// the destructor when the channel is let go without it. No TLS record goes out once the
+// socket is closed. Every call on the SSL is made with m_SendMutex held, so that a host
+// thread's send and the reactor's read never meet in OpenSSL.
 #pragma once
 
 #include <openssl/ssl.h>

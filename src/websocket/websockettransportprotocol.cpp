@@ -145,7 +145,8 @@ WebSocketSecureTransportProtocol::~WebSocketSecureTransportProtocol() = default;
 
 net::IChannel * WebSocketSecureTransportProtocol::openChannel(net::IReactor * reactor, const char * uri,
                                                               net::IChannelHandler * handler, const char * options) {
-    LOG4CXX_INFO(secureLogger, "openChannel('" << text(uri) << "', '" << text(options) << "')");
+    LOG4CXX_INFO(secureLogger, "openChannel('" << text(uri) << "', " << static_cast<const void *>(handler) << ", '"
+                                               << text(options) << "')");
     const net::URI parsedUri = parseWithDefaultPort(uri, 443);
     net::OptionMap optionMap;
     optionMap.parse(options);

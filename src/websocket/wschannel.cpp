@@ -129,6 +129,9 @@ void WSChannel::takeNamesOf(net::IChannel * underlying) {
 
 void WSChannel::accept(net::IChannel * underlying) {
     LOG4CXX_INFO(logger, "accept( underlyingChannel = '" << underlying->getPeerURI());
+    // The server below accepts on its reactor's thread: a close() there, even before the
+    // first event, must not wait for an answer that only this thread could bring.
+    m_ReactorThread = std::this_thread::get_id();
     setUp(underlying, [&] {
         // The channel below is not registered yet: nothing can race; the lock keeps the
         // fields' publication in order for the reactor thread all the same.
@@ -234,7 +237,13 @@ void WSChannel::learnReactor_i() {
 bool WSChannel::wantsRead() {
     Common::SmartPtr<net::IChannelHandler> current = handler();
     auto * interest = dynamic_cast<socketio::IReadInterest *>(current.get());
-    return interest == nullptr || interest->wantsRead();
+    try {
+        return interest == nullptr || interest->wantsRead();
+    } catch (...) {
+        // Asked under the reactor's lock, where nothing can be ended: reading on finds the
+        // handler again in onRead.
+        return true;
+    }
 }
 
 bool WSChannel::hasPendingWrite() {
@@ -253,10 +262,20 @@ bool WSChannel::hasPendingWrite() {
     if (!m_ReadBuffer.empty() && wantsRead()) {
         return true;
     }
-    return current->hasPendingWrite();
+    try {
+        return current->hasPendingWrite();
+    } catch (...) {
+        // Asked under the reactor's lock: the write event that this asks for meets the
+        // handler again in onWrite, where a failure ends the channel.
+        return true;
+    }
 }
 
 void WSChannel::onRead(net::IReadDataStream * stream) {
+    guarded("onRead", [&] { onRead_i(stream); });
+}
+
+void WSChannel::onRead_i(net::IReadDataStream * stream) {
     LOG4CXX_TRACE(logger, "onRead[" << m_strDescription << "]");
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
@@ -333,6 +352,12 @@ int WSChannel::send(int nMaxSize, const void * data) {
                 sent += n;
             }
         } catch (const websocketpp::exception & e) {
+            // Inside a callback a failed send is a failed send: the callback's caller must
+            // not throw.
+            if (std::this_thread::get_id() == m_ReactorThread.load()) {
+                LOG4CXX_ERROR(logger, "send[" << m_strDescription << "]: " << e.what());
+                return -1;
+            }
             throw InternalException(e.what());
         }
         // On the reactor thread the masks are asked again after this dispatch anyway, and the
@@ -356,7 +381,13 @@ std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * da
     }
     int n = 0;
     if (m_WriteBuffer.empty()) {
-        n = m_UnderlyingChannel->getWriteDataStream()->send(static_cast<int>(size), data);
+        try {
+            n = m_UnderlyingChannel->getWriteDataStream()->send(static_cast<int>(size), data);
+        } catch (const std::exception & e) {
+            // A channel below whose send throws has failed like one that answers -1.
+            LOG4CXX_ERROR(logger, "onWebSocketWrite[" << m_strDescription << "]: " << e.what());
+            n = -1;
+        }
     }
     // A failed send (negative) counts as all sent: the failure shows on the read side below.
     if (static_cast<std::size_t>(static_cast<unsigned int>(n)) < size) {
@@ -369,6 +400,10 @@ std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * da
 }
 
 void WSChannel::onWrite(net::IWriteDataStream * stream) {
+    guarded("onWrite", [&] { onWrite_i(stream); });
+}
+
+void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
     LOG4CXX_TRACE(logger, "onWrite[" << m_strDescription << "]");
     bool drained = true;
     {
@@ -376,7 +411,13 @@ void WSChannel::onWrite(net::IWriteDataStream * stream) {
         learnReactor_i();
         while (m_nTotalBytesPending != 0) {
             std::string & first = m_WriteBuffer.front();
-            int n = stream->send(static_cast<int>(first.size()), first.data());
+            int n;
+            try {
+                n = stream->send(static_cast<int>(first.size()), first.data());
+            } catch (const std::exception & e) {
+                LOG4CXX_ERROR(logger, "onWrite[" << m_strDescription << "]: " << e.what());
+                n = -1;
+            }
             if (n < 0) {
                 n = 0;
             }
@@ -401,12 +442,45 @@ void WSChannel::onWrite(net::IWriteDataStream * stream) {
 
 void WSChannel::onClose() {
     LOG4CXX_TRACE(logger, "onClose[" << m_strDescription << "]");
-    terminateConnection();
+    guarded("onClose", [this] { terminateConnection(); });
 }
 
 void WSChannel::onError() {
     LOG4CXX_TRACE(logger, "onError[" << m_strDescription << "]");
-    terminateConnection();
+    guarded("onError", [this] { terminateConnection(); });
+}
+
+template <typename Body>
+void WSChannel::guarded(const char * where, Body body) {
+    // The channel below calls these from its reactor dispatch, which must not throw: a
+    // handler above that throws (or a send it makes) ends this channel, and only this one.
+    try {
+        body();
+        return;
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, where << "[" << m_strDescription << "]: exception caught: " << e.what());
+    } catch (...) {
+        LOG4CXX_ERROR(logger, where << "[" << m_strDescription << "]: unknown exception caught");
+    }
+    try {
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            if (m_UnderlyingChannel) {
+                m_ClosingChannel = std::move(m_UnderlyingChannel);
+                m_UnderlyingChannel = nullptr;
+            }
+            terminateConnection_i();
+            std::lock_guard<std::mutex> handlerLock(m_HandlerMutex);
+            if (m_ChannelHandler) {
+                m_EndedHandler = std::move(m_ChannelHandler);
+                m_ChannelHandler = nullptr;
+                m_bEndedWithError = true;
+            }
+        }
+        finishDeferred();
+    } catch (...) {
+        LOG4CXX_ERROR(logger, where << "[" << m_strDescription << "]: exception caught while ending the channel");
+    }
 }
 
 void WSChannel::onWebSocketOpen(std::weak_ptr<void>) {

@@ -124,7 +124,8 @@ public:
     // Inside the user's onRead only.
     int recv(int length, void * buffer) override;
     // Any thread; binary messages of at most 65536 bytes while fewer than sendBufferSize bytes
-    // wait for the channel below.
+    // wait for the channel below. The engine's failure throws websocket::InternalException,
+    // except on the reactor's thread, where it answers -1.
     int send(int nMaxSize, const void * data) override;
 
     // Engine callbacks, run inside an engine call whose caller holds m_Mutex.
@@ -139,6 +140,12 @@ public:
     void onWebSocketHTTP(std::weak_ptr<void> hdl);
 
 private:
+    void onRead_i(net::IReadDataStream * stream);
+    void onWrite_i(net::IWriteDataStream * stream);
+    // Runs a callback of the channel below; an exception ends this channel instead of
+    // leaving the callback.
+    template <typename Body>
+    void guarded(const char * where, Body body);
     void setupNames(net::IChannel * underlying, const std::string & peer);
     void terminateConnection_i();
     // After m_Mutex is let go: closes a channel below that the engine let go of, and tells

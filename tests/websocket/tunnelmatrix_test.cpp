@@ -1,10 +1,14 @@
 // Tunnels between any two of the six schemes: for each (listen, target) pair a tunnel in
 // front of an echo server of the target's scheme carries 1 MiB both ways at once for a client
 // that speaks the listen scheme, and leaves no descriptor open behind it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -16,6 +20,7 @@
 #include "../tls/tlsmaterial.h"
 #include "socketio/selectreactor.h"
 #include "tunnel/tunnelstore.h"
+#include "wspeer.h"
 
 namespace {
 
@@ -149,6 +154,85 @@ TEST(TunnelMatrix, WebSocketListenersCarrySeveralConnectionsAtOnce) {
         channel->close();
     }
     reactor->stopProcessing();
+}
+
+// A tunnel from tcp to a WebSocket peer, on one reactor, with the store's usual ring size.
+struct TcpToWsTunnel {
+    explicit TcpToWsTunnel(const std::string & target)
+        : reactor(new socketio::SelectReactor(1000, 600000, 20)),
+          factory(new net::ChannelFactory(net::SocketOptions())),
+          store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16)) {
+        reactor->startProcessing();
+        unsigned short port = 0;
+        close(corvane_test::LoopbackListen(port));
+        listenPort = port;
+        const std::string listen = "tcp://127.0.0.1:" + std::to_string(port) + "/";
+        service = store->startTunnel(listen.c_str(), "", target.c_str(), "EnableProxy=false");
+    }
+    ~TcpToWsTunnel() {
+        service->close();
+        store->shutdown();
+        reactor->stopProcessing();
+    }
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    Common::SmartPtr<net::ChannelFactory> factory;
+    Common::SmartPtr<net::TunnelStore> store;
+    Common::SmartPtr<net::ITunnelService> service;
+    unsigned short listenPort = 0;
+};
+
+// Sends without pause and reads what comes back until the connection ends or 10 s pass;
+// true when it ended.
+bool pumpUntilEnd(int fd) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    const std::string chunk(16384, 'r');
+    char buffer[65536];
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN | POLLOUT, 0};
+        poll(&entry, 1, 100);
+        if ((entry.revents & (POLLIN | POLLERR | POLLHUP)) != 0) {
+            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n == 0 || (n < 0 && errno != EAGAIN)) {
+                return true;
+            }
+        }
+        if ((entry.revents & POLLOUT) != 0 && send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL) < 0 &&
+            errno != EAGAIN) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string exchange(int fd, const std::string & text) {
+    send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    std::string back(text.size(), '\0');
+    std::size_t got = 0;
+    while (got < back.size()) {
+        ssize_t n = recv(fd, &back[got], back.size() - got, 0);
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    return back.substr(0, got);
+}
+
+// The target resets while the tunnel forwards to it: the failed send on the reactor thread
+// ends that connection alone, and another connection of the same tunnel goes on.
+TEST(TunnelToWebSocket, WsTargetResetDuringTunnelSendEndsOnlyThatConnection) {
+    corvane_test::PythonPeer target("reset", "262144");
+    TcpToWsTunnel tunnel(target.uri());
+    int bystander = corvane_test::LoopbackConnect(tunnel.listenPort);
+    ASSERT_EQ(exchange(bystander, "before"), "before");
+    for (int round = 0; round < 3; ++round) {
+        int client = corvane_test::LoopbackConnect(tunnel.listenPort);
+        EXPECT_TRUE(pumpUntilEnd(client)) << "round " << round;
+        close(client);
+    }
+    EXPECT_EQ(exchange(bystander, "after"), "after");
+    close(bystander);
 }
 
 }  // namespace

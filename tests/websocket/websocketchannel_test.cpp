@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 #include "expect.h"
@@ -364,6 +365,125 @@ TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
         ADD_FAILURE() << event.category << " " << event.level << " " << event.text;
     }
     channel->close();
+}
+
+// The reactor freed the number at the channel's end; the owner's close() after that must send
+// nothing through it (no close frame, no close_notify), as the next descriptor takes it.
+TEST_P(BothSchemes, CloseAfterOnCloseWritesNothingToReusedNumber) {
+    std::unique_ptr<PythonPeer> closing = peer("close");
+    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+    handler->queue("hello");
+    Common::SmartPtr<WebSocketChannel> channel = open(*closing);
+    const int number = static_cast<int>(channel->getSocket());
+    channel->setChannelHandler(handler.get());
+    m_reactor->registerSubscriber(channel.get());
+    ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); }));
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    EXPECT_EQ(pair[0], number);
+    channel->close();
+    char byte;
+    EXPECT_EQ(::recv(pair[1], &byte, 1, 0), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    ::close(pair[0]);
+    ::close(pair[1]);
+}
+
+// The sweep closes an idle channel's socket before it tells the channel: the read path must
+// see the closed handle and not peek through the number, which OpenSSL keeps for itself.
+TEST_F(WebSocketChannelTest, SweptWssChannelPeeksAtNoClosedNumber) {
+    static corvane_test::Material material;
+    PythonPeer echo("echo", "0", material.serverCert, material.serverKey);
+    Common::SmartPtr<socketio::SelectReactor> sweeping(new socketio::SelectReactor(40, 200, 20));
+    sweeping->startProcessing();
+    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+    Common::SmartPtr<WebSocketChannel> channel = open(echo);
+    channel->setChannelHandler(handler.get());
+    corvane_test::LogCapture log("TRACE");
+    sweeping->registerSubscriber(channel.get());
+    EXPECT_TRUE(waitFor([&] { return handler->ended(); }, 3000));
+    EXPECT_EQ(handler->errors.load(), 1);
+    EXPECT_EQ(log.countContaining("corvane.websocket.WebSocketSSLChannel", "SSL_peek("), 0u);
+    channel->close();
+    sweeping->stopProcessing();
+}
+
+// A tunnel lets go of the channel that reported the end, without close(): its SSL must go with
+// it (LeakSanitizer tells), and the socket, which the reactor closed, is not closed twice.
+TEST_F(WebSocketChannelTest, ReleasedWssChannelFreesItsSsl) {
+    static corvane_test::Material material;
+    PythonPeer closing("close", "0", material.serverCert, material.serverKey);
+    const int descriptors = corvane_test::CountOpenDescriptors();
+    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+    handler->queue("hello");
+    Common::SmartPtr<WebSocketChannel> channel = start(closing, handler.get());
+    ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); }));
+    channel = nullptr;
+    EXPECT_EQ(corvane_test::CountOpenDescriptors(), descriptors);
+}
+
+// A tunnel whose client leaves closes the target's channel on the reactor thread, possibly
+// before that channel saw an event: close() must not wait there for the peer's answer.
+TEST_F(WebSocketChannelTest, CloseOnReactorThreadBeforeFirstEventDoesNotBlock) {
+    auto deaf = std::make_unique<PythonPeer>("deaf");
+    PythonPeer echo("echo");
+    Common::SmartPtr<corvane_test::RecordingHandler> idle(new corvane_test::RecordingHandler);
+    Common::SmartPtr<WebSocketChannel> quiet = start(*deaf, idle.get());
+    std::atomic<long long> closeMilliseconds{-1};
+    Common::SmartPtr<corvane_test::RecordingHandler> trigger(new corvane_test::RecordingHandler);
+    trigger->onReadHook = [&](net::IReadDataStream * stream) {
+        char buffer[16];
+        stream->recv(sizeof buffer, buffer);
+        const auto begin = std::chrono::steady_clock::now();
+        quiet->close();
+        closeMilliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::steady_clock::now() - begin).count();
+    };
+    trigger->queue("x");
+    Common::SmartPtr<WebSocketChannel> other = start(echo, trigger.get());
+    if (!waitFor([&] { return closeMilliseconds.load() >= 0; }, 3000)) {
+        deaf.reset();  // the blocked reactor goes on once the peer is gone
+        ADD_FAILURE() << "close() blocked the reactor thread";
+    }
+    EXPECT_LT(closeMilliseconds.load(), 1000);
+    EXPECT_EQ(quiet->getSocket(), socketio::INVALID_SOCKET_HANDLE);
+    other->close();
+}
+
+// A peer that answers the upgrade and hangs up at once: the engine's connect handler runs on
+// this thread, the end on the reactor's, the release here again; the threaded build runs this
+// under ThreadSanitizer.
+TEST_F(WebSocketChannelTest, PeerThatAnswersAndHangsUpEndsEachChannel) {
+    PythonPeer hangup("hangup");
+    const int descriptors = corvane_test::CountOpenDescriptors();
+    for (int round = 0; round < 40; ++round) {
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        Common::SmartPtr<WebSocketChannel> channel = start(hangup, handler.get());
+        ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); })) << "round " << round;
+        EXPECT_EQ(handler->closes.load(), 1);
+    }
+    EXPECT_EQ(corvane_test::CountOpenDescriptors(), descriptors);
+}
+
+// A handler that throws, or a send in a callback on a failed socket, ends that channel alone
+// with onError: the reactor's dispatch must not throw, and the bystander goes on.
+TEST_F(WebSocketChannelTest, HandlerThatThrowsEndsOnlyItsChannel) {
+    corvane_test::LogCapture log("ERROR");
+    PythonPeer echo("echo");
+    Common::SmartPtr<corvane_test::RecordingHandler> thrower(new corvane_test::RecordingHandler);
+    thrower->onReadHook = [](net::IReadDataStream *) { throw std::runtime_error("handler failed"); };
+    thrower->queue("x");
+    Common::SmartPtr<WebSocketChannel> failing = start(echo, thrower.get());
+    Common::SmartPtr<corvane_test::RecordingHandler> bystander(new corvane_test::RecordingHandler);
+    Common::SmartPtr<WebSocketChannel> other = start(echo, bystander.get());
+    ASSERT_TRUE(waitFor([&] { return thrower->ended() && !subscribed(failing.get()); }));
+    EXPECT_EQ(thrower->errors.load(), 1);
+    EXPECT_EQ(log.countContaining(kCategory, "]: exception caught: handler failed"), 1u);
+    EXPECT_EQ(failing->getWriteDataStream()->send(1, "y"), -1);
+    bystander->queue("still here");
+    EXPECT_TRUE(waitFor([&] { return bystander->received() == "still here"; }));
+    failing->close();
+    other->close();
 }
 
 }  // namespace

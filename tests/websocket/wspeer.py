@@ -8,6 +8,10 @@ until it is terminated. Modes:
   ping      pings the client, then reports "pong seen" once the pong came back
   close     echoes one message, then starts the close handshake (1000, "bye")
   drop      echoes one message, then drops the connection (no close frame, no close_notify)
+  reset     echoes messages until SECONDS bytes (a count here) came in, then resets the
+            connection (SO_LINGER 0)
+  hangup    answers the upgrade by hand, then closes at once
+  deaf      answers the upgrade by hand, then reads and ignores everything
   frames    a text message, a binary message in three fragments, then "|end"
   reject    refuses the upgrade with 404 Not Found
   cut       reads the upgrade request, sends half a status line and closes
@@ -73,6 +77,18 @@ async def drop(ws, path):
     ws.transport.abort()
 
 
+async def reset(ws, path):
+    received = 0
+    async for message in ws:
+        received += len(message)
+        if received >= SECONDS:
+            sock = ws.transport.get_extra_info("socket")
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, bytes(8))
+            ws.transport.abort()
+            return
+        await ws.send(message)
+
+
 async def frames(ws, path):
     await ws.send("text is dropped")
     await ws.send([b"frag", b"men", b"ted"])
@@ -101,16 +117,26 @@ async def silent(reader, writer):
     writer.close()
 
 
-def flood_connection(conn):
+def answer_upgrade(conn):
+    """Reads the upgrade request and answers 101 by hand; False when the client left first."""
     conn.settimeout(30)
     request = b""
-    while b"\r\n\r\n" not in request:
-        chunk = conn.recv(4096)
-        if not chunk:
-            return
-        request += chunk
-    conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                  "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+    try:
+        while b"\r\n\r\n" not in request:
+            chunk = conn.recv(4096)
+            if not chunk:
+                return False
+            request += chunk
+        conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                      "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
+    except OSError:
+        return False
+    return True
+
+
+def flood_connection(conn):
+    if not answer_upgrade(conn):
+        return
     frame = bytes([0x89, 125]) + b"p" * 125
     # Time for the client to reach the reactor before the flood ends it.
     time.sleep(0.5)
@@ -121,41 +147,25 @@ def flood_connection(conn):
         pass
 
 
-def deaf():
-    # Answers the upgrade, then reads and ignores everything: a close frame gets no answer.
-    listener = socket.socket()
-    listener.bind(("127.0.0.1", 0))
-    listener.listen(4)
-    print(listener.getsockname()[1], flush=True)
-    while True:
-        conn, _ = listener.accept()
-        conn.settimeout(30)
-        request = b""
-        while b"\r\n\r\n" not in request:
-            chunk = conn.recv(4096)
-            if not chunk:
-                break
-            request += chunk
-        conn.sendall(("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                      "Sec-WebSocket-Accept: " + ACCEPT_OF_ZERO_KEY + "\r\n\r\n").encode())
-        try:
-            while conn.recv(4096):
-                pass
-        except OSError:
+def deaf_connection(conn):
+    # Reads and ignores everything: a close frame gets no answer.
+    try:
+        while conn.recv(4096):
             pass
-        conn.close()
+    except OSError:
+        pass
 
 
-def flood():
+def serve_by_hand(each, receive_buffer=None):
     listener = socket.socket()
-    # Small buffers on both sides, so that the client's pongs back up quickly.
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    if receive_buffer:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     listener.bind(("127.0.0.1", 0))
-    listener.listen(4)
+    listener.listen(64)
     print(listener.getsockname()[1], flush=True)
     while True:
         conn, _ = listener.accept()
-        flood_connection(conn)
+        each(conn)
         conn.close()
 
 
@@ -189,7 +199,7 @@ async def client(uri, count):
 
 async def main():
     handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
-                "reject": echo}
+                "reject": echo, "reset": reset}
     if MODE in handlers:
         extra = {"process_request": refuse} if MODE == "reject" else {}
         interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
@@ -212,9 +222,12 @@ if __name__ == "__main__":
     # A test that dies without stopping its peer must not leave it behind.
     threading.Thread(target=exit_with_parent, daemon=True).start()
     if MODE == "flood":
-        flood()
+        # Small buffers on both sides, so that the client's pongs back up quickly.
+        serve_by_hand(flood_connection, receive_buffer=4096)
     elif MODE == "deaf":
-        deaf()
+        serve_by_hand(lambda conn: answer_upgrade(conn) and deaf_connection(conn))
+    elif MODE == "hangup":
+        serve_by_hand(answer_upgrade)
     elif MODE == "client":
         asyncio.run(client(sys.argv[2], int(sys.argv[3])))
     else:

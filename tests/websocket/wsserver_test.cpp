@@ -9,6 +9,8 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "childprocess.h"
 #include "expect.h"
@@ -178,6 +180,43 @@ TEST_P(WebSocketServerTest, ClientsOfBothFormsEchoThroughPythonAndTheServer) {
         acceptor->handlers.clear();
     }
     EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= descriptors; }));
+}
+
+// An accepted channel's handler that throws ends that connection alone: the channel below
+// calls the layered channel from its reactor dispatch, which must not throw.
+TEST_P(WebSocketServerTest, AcceptedHandlerThatThrowsEndsOnlyItsConnection) {
+    corvane_test::LogCapture log("ERROR");
+    Common::SmartPtr<TestAcceptor> acceptor(new TestAcceptor);
+    bool first = true;
+    acceptor->makeHandler = [&first]() -> corvane_test::RecordingHandler * {
+        if (!std::exchange(first, false)) {
+            return new corvane_test::EchoHandler;
+        }
+        auto * thrower = new corvane_test::RecordingHandler;
+        thrower->onReadHook = [](net::IReadDataStream *) { throw std::runtime_error("handler failed"); };
+        return thrower;
+    };
+    const unsigned short port = freePort();
+    Common::SmartPtr<net::IChannelServer> server = startServer(acceptor.get(), port);
+    const std::string uri = scheme() + "://127.0.0.1:" + std::to_string(port) + "/";
+    const std::string options = "EnableProxy=false;ValidateServerName=false;NoCertify=true";
+    std::vector<Common::SmartPtr<corvane_test::RecordingHandler>> handlers;
+    std::vector<Common::SmartPtr<net::IChannel>> clients;
+    for (int i = 0; i < 2; ++i) {
+        handlers.emplace_back(new corvane_test::RecordingHandler);
+        clients.emplace_back(protocol().openChannel(m_reactor.get(), uri.c_str(), handlers[i].get(), options.c_str()));
+        handlers[i]->queue("hello");
+        ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == static_cast<std::size_t>(i + 1); }));
+    }
+    EXPECT_TRUE(waitFor([&] { return handlers[0]->ended() && acceptor->handlers[0]->ended(); }));
+    EXPECT_EQ(acceptor->handlers[0]->errors.load(), 1);
+    EXPECT_EQ(log.countContaining("corvane.websocket.WSChannel", "]: exception caught: handler failed"), 1u);
+    EXPECT_TRUE(waitFor([&] { return handlers[1]->received() == "hello"; }));
+    EXPECT_FALSE(handlers[1]->ended());
+    for (const auto & client : clients) {
+        client->close();
+    }
+    server->close();
 }
 
 // The layered client and plain HTTP exist for ws only.
