@@ -34,6 +34,26 @@ net::URI parseWithDefaultPort(const char * uri, unsigned short port) {
     return parsed;
 }
 
+// Whether the authority of `uri` names port 0 itself ("ws://host:0/"), which net::URI cannot
+// tell from no port at all: a server given port 0 listens on a free port, as tcp and ssl do.
+bool namesPortZero(const char * uri) {
+    const std::string whole = text(uri);
+    const std::size_t start = whole.find("://");
+    if (start == std::string::npos) {
+        return false;
+    }
+    const std::string authority = whole.substr(start + 3, whole.find_first_of("/?#", start + 3) - (start + 3));
+    const std::size_t colon = authority.rfind(':');
+    if (colon == std::string::npos || authority.find(']', colon) != std::string::npos || colon + 1 == authority.size()) {
+        return false;
+    }
+    return authority.find_first_not_of('0', colon + 1) == std::string::npos;
+}
+
+net::URI parseServerURI(const char * uri, unsigned short port) {
+    return namesPortZero(uri) ? net::URI::FromString(text(uri)) : parseWithDefaultPort(uri, port);
+}
+
 // The last steps of both clients: the WebSocket handshake on the caller's thread, then the
 // handler, then the reactor. Any failure closes the channel before it reaches the caller.
 net::IChannel * finishClient(WebSocketChannel * channel, net::IReactor * reactor, const char * uri,
@@ -65,7 +85,10 @@ net::IChannelServer * startServer(net::IChannelAcceptor * acceptor, bool secure,
     if (!server) {
         return nullptr;
     }
-    webSocketServer->setServer(server.get(), localUri.c_str());
+    // A free port picked by the system is known only to the server below.
+    net::URI bound = net::URI::FromString(server->getLocalURI());
+    bound.setScheme(parsedUri.getScheme());
+    webSocketServer->setServer(server.get(), parsedUri.getPort() == 0 ? bound.ToString().c_str() : localUri.c_str());
     Common::KeepForCaller(webSocketServer.get());
     return webSocketServer.get();
 }
@@ -130,7 +153,7 @@ net::IChannelServer * WebSocketTransportProtocol::startChannelServer(net::IReact
                                                                      const char * options) {
     LOG4CXX_INFO(logger, "startChannelServer('" << text(uri) << "', '" << text(options) << "')");
     LOG4CXX_WARN(logger, kExperimentalText);
-    net::URI parsedUri = parseWithDefaultPort(uri, 80);
+    net::URI parsedUri = parseServerURI(uri, 80);
     parsedUri.setScheme("http");
     return startServer(acceptor, false, m_socketOptions, parsedUri,
                        [&](const char * localUri, net::IChannelAcceptor * below) {
@@ -169,7 +192,7 @@ net::IChannelServer * WebSocketSecureTransportProtocol::startChannelServer(net::
                                                                            const char * options) {
     LOG4CXX_INFO(secureLogger, "startChannelServer('" << text(uri) << "', '" << text(options) << "')");
     LOG4CXX_WARN(secureLogger, kExperimentalText);
-    net::URI parsedUri = parseWithDefaultPort(uri, 443);
+    net::URI parsedUri = parseServerURI(uri, 443);
     parsedUri.setScheme("https");
     return startServer(acceptor, true, m_socketOptions, parsedUri,
                        [&](const char * localUri, net::IChannelAcceptor * below) {

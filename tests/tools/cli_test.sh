@@ -133,6 +133,13 @@ check "server with a missing certificate file names it and the cause" \
 check "server with a missing certificate file exits 1" test "$status" -eq 1
 check "server without a certificate" one_line_error "a TLS server needs a certificate" \
     timeout 10 "$corvane" serve ssl://127.0.0.1:0
+# Port 0 is a free port for ws and wss too, and "listening on" names it.
+"$corvane" serve ws://127.0.0.1:0 > "$tmp/ws0.out" & pids+=($!)
+"$corvane" serve wss://127.0.0.1:0 --options "$server_tls" > "$tmp/wss0.out" & pids+=($!)
+ws0_port=$(listening_port "$tmp/ws0.out")
+wss0_port=$(listening_port "$tmp/wss0.out")
+check "ws port 0 is a free port" sh -c "[ '$ws0_port' -gt 1024 ] && echo hi | timeout 10 '$corvane' connect ws://127.0.0.1:$ws0_port --options EnableProxy=false | grep -qx hi"
+check "wss port 0 is a free port" sh -c "[ '$wss0_port' -gt 1024 ] && echo hi | timeout 10 '$corvane' connect wss://127.0.0.1:$wss0_port --options 'EnableProxy=false;NoCertify=true' | grep -qx hi"
 check "NoCertify accepts any certificate and name" \
     sh -c "echo hi | timeout 10 '$corvane' connect 'ssl://127.0.0.1:$tls_port' --options NoCertify=true | grep -qx hi"
 
