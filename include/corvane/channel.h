@@ -105,6 +105,33 @@ public:
     virtual void onError() { onClose(); }
 };
 
+// Back-pressure: an optional second base of an IChannelHandler that can run out of room, such
+// as a relay whose output channel cannot take more. Not counted, not a separate object: the
+// channel finds it with dynamic_cast on its handler each time a handler is set (the
+// acceptor's result, setChannelHandler) and drops it with that handler.
+//
+// While wantsRead answers false the channel leaves reading out of its wait: onRead does not
+// come, the peer's bytes stay in the system's buffers, and once those are full the peer's
+// sends stall (TCP flow control), so memory stays bounded and no CPU is spent waking for
+// bytes nobody takes. Writing goes on as before (hasPendingWrite, onWrite), and a channel
+// that has bytes already decoded (TLS, WebSocket) keeps them until reading resumes. An end of
+// the connection may be noticed only once reading resumes.
+//
+// Usual use: a relay answers !outputFull() here and, in the output channel's onWrite, drains
+// its buffer; the reactor asks again in the cycle after that dispatch and reading resumes.
+class IReadInterest {
+public:
+    // Reactor thread, asked once per reactor cycle while the channel is registered, with the
+    // reactor's lock held: cheap, never blocking, no throw, and no call into a channel, server
+    // or reactor (close, send, setChannelHandler). False: do not read for now. A handler whose
+    // room frees up on another thread is asked again at the latest after the reactor's
+    // selectTimeout (IModule::createReactor).
+    virtual bool wantsRead() = 0;
+
+protected:
+    ~IReadInterest() = default;
+};
+
 class IChannelServer : public virtual Common::IRefCnt {
 public:
     virtual const char * getLocalURI() const = 0;

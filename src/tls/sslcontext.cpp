@@ -7,6 +7,7 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -163,8 +164,24 @@ SSL_CTX * SSLContext::context() {
 
 void SSLContext::fail(const std::string & text) {
     LOG4CXX_ERROR(logger, text);
-    // The exception carries OpenSSL's own words, the log line says what was being done.
-    throw SSLException();
+    // One line that a host can show as it stands: what was being done, with which file, and
+    // the first cause OpenSSL or the system gave.
+    throw SSLException(text);
+}
+
+void SSLContext::requireServerIdentity() {
+    SSL_CTX * ctx = context();
+    std::string missing;
+    if (SSL_CTX_get0_certificate(ctx) == nullptr) {
+        missing = "a TLS server needs a certificate: set CertificateFile and PrivateKeyFile, or PKCS12File";
+    } else if (SSL_CTX_check_private_key(ctx) != 1) {
+        ERR_clear_error();
+        missing = "a TLS server needs the private key of its certificate: set PrivateKeyFile";
+    }
+    if (!missing.empty()) {
+        // Without these every handshake would fail later, one client at a time and unexplained.
+        throw InternalException(missing.c_str(), true);
+    }
 }
 
 void SSLContext::setup(bool /*unused*/) {
@@ -271,14 +288,16 @@ void SSLContext::loadPKCS12() {
     PKCS12Guard guard;
     guard.file = std::fopen(m_PKCS12File.c_str(), "rb");
     if (guard.file == nullptr) {
-        throw InternalException(("Error opening PKCS#12 file '" + m_PKCS12File + "'").c_str(), true);
+        const int error = errno;
+        throw InternalException(
+            ("Error opening PKCS#12 file '" + m_PKCS12File + "': " + std::strerror(error)).c_str(), true);
     }
     guard.bundle = d2i_PKCS12_fp(guard.file, nullptr);
     if (guard.bundle == nullptr) {
-        throw SSLException();
+        throw SSLException("unable to read PKCS#12 file '" + m_PKCS12File + "'");
     }
     if (PKCS12_parse(guard.bundle, m_PrivatePassword.c_str(), &guard.key, &guard.certificate, &guard.chain) == 0) {
-        throw SSLException();
+        throw SSLException("unable to open PKCS#12 file '" + m_PKCS12File + "' with PrivatePassword");
     }
     if (guard.certificate != nullptr && SSL_CTX_use_certificate(m_ctx, guard.certificate) != 1) {
         throw SSLException();

@@ -34,12 +34,16 @@ public:
     ~SSLContext();
 
     // Builds the OpenSSL context from the options, reading the files and system stores they
-    // name. The argument has no effect. Throws SSLException (text: OpenSSL's error queue)
-    // or InternalException; after a throw the context is still safe to destroy.
+    // name. The argument has no effect. Throws SSLException, one line: the step that failed
+    // with its file or setting, ": " and the first cause (for a file, the system's); or
+    // InternalException. After a throw the context is still safe to destroy.
     void setup(bool unused = false);
     // The OpenSSL context, set up first if that has not happened yet. Still owned here:
     // an SSL made from it keeps its own reference.
     SSL_CTX * context();
+    // For a server, after setup (run first if needed): throws InternalException naming what
+    // is missing when the context has no certificate, or no private key that matches it.
+    void requireServerIdentity();
 
     // Installed by setup unless NoCertify is "true": logs why a certificate failed and
     // forgives nothing. Runs inside OpenSSL on the handshaking thread.

@@ -18,23 +18,38 @@ const char * orEmpty(const char * text) {
     return text != nullptr ? text : "";
 }
 
-// Writes one line per queued error, starting from `first` (0: fetch the first one), until
-// the queue is empty.
-void printErrorQueue(std::ostream & stream, unsigned long first, const char * prefix) {
-    unsigned long code = first != 0 ? first : ERR_get_error();
-    while (code != 0) {
-        stream << prefix << ':' << static_cast<long>(code) << ':' << orEmpty(ERR_lib_error_string(code)) << "::"
-               << orEmpty(ERR_reason_error_string(code)) << '\n';
-        code = ERR_get_error();
-    }
-}
-
 // strerror_r comes in two forms; each overload takes what its form returns.
 [[maybe_unused]] const char * systemText(int, const char * buffer) {
     return buffer;
 }
 [[maybe_unused]] const char * systemText(const char * result, const char *) {
     return result;
+}
+
+// OpenSSL 3 gives no reason text for an error of the system library (a file that cannot be
+// opened): its reason is the errno, put into words here.
+std::string reasonText(unsigned long code) {
+    if (ERR_SYSTEM_ERROR(code)) {
+        char buffer[256] = {};
+        return systemText(strerror_r(static_cast<int>(ERR_GET_REASON(code)), buffer, sizeof buffer), buffer);
+    }
+    return orEmpty(ERR_reason_error_string(code));
+}
+
+// Writes one line per queued error, starting from `first` (0: fetch the first one), until
+// the queue is empty.
+void printErrorQueue(std::ostream & stream, unsigned long first, const char * prefix) {
+    unsigned long code = first != 0 ? first : ERR_get_error();
+    while (code != 0) {
+        stream << prefix << ':' << static_cast<long>(code) << ':' << orEmpty(ERR_lib_error_string(code)) << "::"
+               << reasonText(code) << '\n';
+        code = ERR_get_error();
+    }
+}
+
+std::string withCause(const std::string & context) {
+    const std::string cause = openSSLFirstCause();
+    return cause.empty() ? context : context + ": " + cause;
 }
 }  // namespace
 
@@ -43,7 +58,21 @@ SSLException::SSLException(long /*code*/, const char * /*message*/, bool /*logIt
     LOG4CXX_WARN(logger, what());
 }
 
+SSLException::SSLException(const std::string & context) : RuntimeException(withCause(context).c_str(), false) {
+    LOG4CXX_WARN(logger, what());
+}
+
 SSLException::~SSLException() = default;
+
+std::string openSSLFirstCause() {
+    const unsigned long first = ERR_get_error();
+    std::string cause = first != 0 ? reasonText(first) : std::string();
+    if (first != 0 && cause.empty()) {
+        cause = "OpenSSL error " + std::to_string(first);
+    }
+    ERR_clear_error();
+    return cause;
+}
 
 std::string openSSLErrorText() {
     std::ostringstream stream;

@@ -15,6 +15,10 @@ namespace tools {
 class SSLException : public net::RuntimeException {
 public:
     explicit SSLException(long code = 0, const char * message = nullptr, bool logIt = false);
+    // For a failure that concerns a file or a setting: what() is `context`, ": " and the first
+    // queued error's cause (the system's own words for a system error, such as "No such file
+    // or directory"), one line; just `context` when the queue is empty. Drains the queue.
+    explicit SSLException(const std::string & context);
     SSLException(const SSLException & other) = default;
     ~SSLException() override;
 };
@@ -23,6 +27,10 @@ public:
 // "openssl:" code ":" library ":" function ":" reason "\n". Empty if there was no error.
 // OpenSSL 3 keeps no function names (ERR_func_error_string(3)), so that field is empty.
 std::string openSSLErrorText();
+
+// Drains this thread's error queue and returns the cause of its first error: strerror(3) of
+// a system error, else OpenSSL's reason text. Empty if there was no error.
+std::string openSSLFirstCause();
 
 // Describes a result of SSL_get_error(3): call ":" and then the error's name, or for
 // SSL_ERROR_SSL the drained queue, or for SSL_ERROR_SYSCALL the queue or, when the queue is

@@ -107,7 +107,10 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
         throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
                                 true);
     }
-    if (net::OptionMap::isTrue(optionMap.get("ValidateServerName", "true"))) {
+    // NoCertify accepts any certificate, and so any name on it: the name check is part of
+    // verifying the server.
+    if (!net::OptionMap::isTrue(optionMap.get("NoCertify", "")) &&
+        net::OptionMap::isTrue(optionMap.get("ValidateServerName", "true"))) {
         tools::SSLContext::validateCertificates(guard.ssl, host.c_str());
     }
 
@@ -169,6 +172,7 @@ net::IChannelServer * SSLTransportProtocol::startChannelServer(net::IReactor * r
     optionMap.parse(options);
     tools::SSLContext context(optionMap);
     context.setup(false);
+    context.requireServerIdentity();
 
     Common::SmartPtr<SSLChannelServer> server(new SSLChannelServer(guard.socket, this, context, acceptor, m_socketOptions));
     guard.release();

@@ -387,11 +387,17 @@ void WebSocketChannel::onWebSocketMessage(std::weak_ptr<void>, Client::message_p
     try {
         LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription << "]( hdl = ..., msg = "
                                                     << static_cast<const void *>(message.get()));
-        // Text and any other opcode are dropped: the channel is a binary byte stream.
-        if (message->get_opcode() == websocketpp::frame::opcode::binary) {
+        // The channel is a binary byte stream: text joins it only when asked for.
+        const auto opcode = message->get_opcode();
+        if (opcode == websocketpp::frame::opcode::binary ||
+            (opcode == websocketpp::frame::opcode::text && m_bTextMessages)) {
             m_ReadMessageBuffer.addMessage(std::move(message->get_raw_payload()));
             LOG4CXX_TRACE(m_log, "onWebSocketMessage[" << m_strDescription
                                                         << "]: m_ReadMessageBuffer.size = " << m_ReadMessageBuffer.size());
+        } else if (opcode == websocketpp::frame::opcode::text && !m_bTextDropTold) {
+            m_bTextDropTold = true;
+            LOG4CXX_WARN(m_log, "text message dropped on " << m_strDescription
+                                                            << " (TextMessages=true reads text messages)");
         }
     } catch (const std::exception & e) {
         LOG4CXX_INFO(m_log, "exception caught during onWebSocketMessage: " << e.what());

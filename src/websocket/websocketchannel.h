@@ -51,6 +51,9 @@ public:
     // answer, its close or a socket failure ends the wait). Failures throw
     // websocket::InternalException; a refused upgrade names the HTTP reason behind " : ".
     void openLogicalConnection(const char * szURI);
+    // Before the handler is set. True: a text message's payload is read like a binary one;
+    // without it text is dropped, with one Warn line the first time.
+    void setTextMessages(bool textMessages) { m_bTextMessages = textMessages; }
 
     const char * getLocalURI() const override { return m_strLocalURI.c_str(); }
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
@@ -176,6 +179,8 @@ protected:
     // (The sweep closes the socket first: there the invalid handle tells it.)
     bool m_bEnded;  // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
+    bool m_bTextMessages = false;
+    bool m_bTextDropTold = false;  // reactor thread only
     bool m_bEndReported;  // reactor thread
     bool m_bHandlerThrew;  // reactor thread
 };

@@ -29,12 +29,18 @@ void WebSocketChannelServer::close() {
     }
 }
 
+void WebSocketChannelServer::setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins) {
+    m_bTextMessages = textMessages;
+    m_AllowedOrigins = std::move(allowedOrigins);
+}
+
 net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying) {
     try {
         Common::SmartPtr<WSChannel> channel(
             new WSChannel(static_cast<unsigned int>(m_SocketOptions.sendBufferSize),
                           static_cast<unsigned int>(m_SocketOptions.receiveBufferSize), m_bSecure, true));
         channel->takeNamesOf(underlying);
+        channel->setMessageOptions(m_bTextMessages, m_AllowedOrigins);
         // A server made without an acceptor refuses every connection.
         Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor ? m_Acceptor->accept(channel.get()) : nullptr);
         if (!handler) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "corvane/channel.h"
 #include "socketio/socketoptions.h"
@@ -14,6 +15,8 @@ namespace websocket {
 class WebSocketChannelServer : public net::IChannelServer, public net::IChannelAcceptor {
 public:
     WebSocketChannelServer(net::IChannelAcceptor * acceptor, bool secure, const socketio::socket_options & options);
+    // Before the server below starts: passed to each accepted channel (WSChannel::setMessageOptions).
+    void setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins);
 
     // After the server below has started; `uri` is what getLocalURI answers.
     void setServer(net::IChannelServer * server, const char * uri);
@@ -30,6 +33,8 @@ private:
     socketio::socket_options m_SocketOptions;
     Common::SmartPtr<net::IChannelServer> m_Server;
     std::string m_strLocalURI;
+    bool m_bTextMessages = false;
+    std::vector<std::string> m_AllowedOrigins;
     Common::SmartPtr<net::IChannel> m_Handover;  // reactor thread only
 };
 

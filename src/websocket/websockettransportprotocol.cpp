@@ -1,5 +1,8 @@
 #include "websocket/websockettransportprotocol.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "common/handover.h"
 #include "common/logging.h"
 #include "net/optionmap.h"
@@ -34,12 +37,39 @@ net::URI parseWithDefaultPort(const char * uri, unsigned short port) {
     return parsed;
 }
 
+// Whether the authority of `uri` names port 0 itself ("ws://host:0/"), which net::URI cannot
+// tell from no port at all: a server given port 0 listens on a free port, as tcp and ssl do.
+bool namesPortZero(const char * uri) {
+    const std::string whole = text(uri);
+    const std::size_t start = whole.find("://");
+    if (start == std::string::npos) {
+        return false;
+    }
+    const std::string authority = whole.substr(start + 3, whole.find_first_of("/?#", start + 3) - (start + 3));
+    const std::size_t colon = authority.rfind(':');
+    if (colon == std::string::npos || authority.find(']', colon) != std::string::npos || colon + 1 == authority.size()) {
+        return false;
+    }
+    return authority.find_first_not_of('0', colon + 1) == std::string::npos;
+}
+
+net::URI parseServerURI(const char * uri, unsigned short port) {
+    return namesPortZero(uri) ? net::URI::FromString(text(uri)) : parseWithDefaultPort(uri, port);
+}
+
+bool textMessagesOf(const net::OptionMap & optionMap) {
+    return net::OptionMap::isTrue(optionMap.get("TextMessages", "false"));
+}
+
 // The last steps of both clients: the WebSocket handshake on the caller's thread, then the
 // handler, then the reactor. Any failure closes the channel before it reaches the caller.
 net::IChannel * finishClient(WebSocketChannel * channel, net::IReactor * reactor, const char * uri,
-                             net::IChannelHandler * handler) {
+                             net::IChannelHandler * handler, const char * options) {
     Common::SmartPtr<WebSocketChannel> held(channel);
     try {
+        net::OptionMap optionMap;
+        optionMap.parse(options);
+        channel->setTextMessages(textMessagesOf(optionMap));
         channel->openLogicalConnection(text(uri));
         channel->setChannelHandler(handler);
         auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(reactor);
@@ -58,14 +88,30 @@ net::IChannel * finishClient(WebSocketChannel * channel, net::IReactor * reactor
 // Both servers: the WebSocket server as acceptor of the server below, which `start` makes.
 template <typename Start>
 net::IChannelServer * startServer(net::IChannelAcceptor * acceptor, bool secure,
-                                  const socketio::socket_options & options, const net::URI & parsedUri, Start start) {
+                                  const socketio::socket_options & options, const net::URI & parsedUri,
+                                  const char * optionText, Start start) {
     Common::SmartPtr<WebSocketChannelServer> webSocketServer(new WebSocketChannelServer(acceptor, secure, options));
+    net::OptionMap optionMap;
+    optionMap.parse(optionText);
+    std::vector<std::string> origins;
+    const std::string list = optionMap.get("AllowedOrigins", "");
+    for (std::size_t from = 0; from < list.size();) {
+        const std::size_t comma = std::min(list.find(',', from), list.size());
+        if (comma > from) {
+            origins.push_back(list.substr(from, comma - from));
+        }
+        from = comma + 1;
+    }
+    webSocketServer->setMessageOptions(textMessagesOf(optionMap), std::move(origins));
     const std::string localUri = parsedUri.ToString();
     Common::SmartPtr<net::IChannelServer> server(start(localUri.c_str(), webSocketServer.get()));
     if (!server) {
         return nullptr;
     }
-    webSocketServer->setServer(server.get(), localUri.c_str());
+    // A free port picked by the system is known only to the server below.
+    net::URI bound = net::URI::FromString(server->getLocalURI());
+    bound.setScheme(parsedUri.getScheme());
+    webSocketServer->setServer(server.get(), parsedUri.getPort() == 0 ? bound.ToString().c_str() : localUri.c_str());
     Common::KeepForCaller(webSocketServer.get());
     return webSocketServer.get();
 }
@@ -91,7 +137,7 @@ net::IChannel * WebSocketTransportProtocol::openChannel(net::IReactor * reactor,
     } catch (const net::RuntimeException & e) {
         throw InternalException(e.what());
     }
-    return finishClient(new WebSocketChannel(socket, m_socketOptions), reactor, uri, handler);
+    return finishClient(new WebSocketChannel(socket, m_socketOptions), reactor, uri, handler, options);
 }
 
 net::IChannel * WebSocketTransportProtocol::openChannel2(net::IReactor * reactor, const char * uri,
@@ -115,6 +161,9 @@ net::IChannel * WebSocketTransportProtocol::openChannel2(net::IReactor * reactor
         throw InternalException(e.what());
     }
     try {
+        net::OptionMap optionMap;
+        optionMap.parse(options);
+        channel->setMessageOptions(textMessagesOf(optionMap), {});
         channel->open(underlying.get(), text(uri), 5000);
         channel->setChannelHandler(handler);
     } catch (...) {
@@ -130,9 +179,9 @@ net::IChannelServer * WebSocketTransportProtocol::startChannelServer(net::IReact
                                                                      const char * options) {
     LOG4CXX_INFO(logger, "startChannelServer('" << text(uri) << "', '" << text(options) << "')");
     LOG4CXX_WARN(logger, kExperimentalText);
-    net::URI parsedUri = parseWithDefaultPort(uri, 80);
+    net::URI parsedUri = parseServerURI(uri, 80);
     parsedUri.setScheme("http");
-    return startServer(acceptor, false, m_socketOptions, parsedUri,
+    return startServer(acceptor, false, m_socketOptions, parsedUri, options,
                        [&](const char * localUri, net::IChannelAcceptor * below) {
                            return tcp::TCPTransportProtocol::startChannelServer(reactor, localUri, below, options);
                        });
@@ -161,7 +210,7 @@ net::IChannel * WebSocketSecureTransportProtocol::openChannel(net::IReactor * re
         return nullptr;
     }
     // The TLS handshake is complete before the WebSocket handshake starts on the same socket.
-    return finishClient(new WebSocketSSLChannel(socket, ssl, nullptr, m_socketOptions), reactor, uri, handler);
+    return finishClient(new WebSocketSSLChannel(socket, ssl, nullptr, m_socketOptions), reactor, uri, handler, options);
 }
 
 net::IChannelServer * WebSocketSecureTransportProtocol::startChannelServer(net::IReactor * reactor, const char * uri,
@@ -169,9 +218,9 @@ net::IChannelServer * WebSocketSecureTransportProtocol::startChannelServer(net::
                                                                            const char * options) {
     LOG4CXX_INFO(secureLogger, "startChannelServer('" << text(uri) << "', '" << text(options) << "')");
     LOG4CXX_WARN(secureLogger, kExperimentalText);
-    net::URI parsedUri = parseWithDefaultPort(uri, 443);
+    net::URI parsedUri = parseServerURI(uri, 443);
     parsedUri.setScheme("https");
-    return startServer(acceptor, true, m_socketOptions, parsedUri,
+    return startServer(acceptor, true, m_socketOptions, parsedUri, options,
                        [&](const char * localUri, net::IChannelAcceptor * below) {
                            return m_tls->startChannelServer(reactor, localUri, below, options);
                        });

@@ -1,5 +1,7 @@
 #include "websocket/wschannel.h"
 
+#include <algorithm>
+
 #include <chrono>
 #include <functional>
 #include <utility>
@@ -321,10 +323,16 @@ void WSChannel::onWebSocketMessage(std::weak_ptr<void>, MessagePtr message) {
     try {
         LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
                                                     << "]( msg = " << static_cast<const void *>(message.get()) << ")");
-        if (message->get_opcode() == websocketpp::frame::opcode::binary) {
+        const auto opcode = message->get_opcode();
+        if (opcode == websocketpp::frame::opcode::binary ||
+            (opcode == websocketpp::frame::opcode::text && m_bTextMessages)) {
             m_ReadBuffer.addMessage(message->get_payload());
             LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
                                                         << "]: m_ReadBuffer.size = " << m_ReadBuffer.size());
+        } else if (opcode == websocketpp::frame::opcode::text && !m_bTextDropTold) {
+            m_bTextDropTold = true;
+            LOG4CXX_WARN(logger, "text message dropped on " << m_strDescription
+                                                             << " (TextMessages=true reads text messages)");
         }
     } catch (const std::exception & e) {
         LOG4CXX_INFO(logger, "exception caught during onWebSocketMessage: " << e.what());
@@ -561,9 +569,24 @@ std::error_code WSChannel::onWebSocketShutdown(std::weak_ptr<void>) {
 }
 
 bool WSChannel::onWebSocketValidate(std::weak_ptr<void> hdl) {
-    LOG4CXX_TRACE(logger, "onWebSocketValidate[" << m_strDescription
-                                                 << "]: request = " << m_Endpoint.get_con_from_hdl(hdl)->get_request().raw());
-    return true;
+    ConnectionPtr con = m_Endpoint.get_con_from_hdl(hdl);
+    LOG4CXX_TRACE(logger, "onWebSocketValidate[" << m_strDescription << "]: request = " << con->get_request().raw());
+    // Browsers send Origin and let any page open a WebSocket: without this check every page
+    // the user visits could reach what the server fronts. Other clients send no Origin.
+    const std::string origin = con->get_request_header("Origin");
+    if (m_AllowedOrigins.empty() || origin.empty() ||
+        std::find(m_AllowedOrigins.begin(), m_AllowedOrigins.end(), origin) != m_AllowedOrigins.end()) {
+        return true;
+    }
+    LOG4CXX_WARN(logger, "upgrade from Origin '" << origin << "' refused on " << m_strDescription
+                                                 << ": not in AllowedOrigins");
+    con->set_status(websocketpp::http::status_code::forbidden);
+    return false;
+}
+
+void WSChannel::setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins) {
+    m_bTextMessages = textMessages;
+    m_AllowedOrigins = std::move(allowedOrigins);
 }
 
 void WSChannel::onWebSocketHTTP(std::weak_ptr<void> hdl) {

@@ -100,6 +100,11 @@ public:
     // Server role, reactor thread, before `underlying` works for this object: the handshake
     // runs later through onRead.
     void accept(net::IChannel * underlying);
+    // Before open or accept. textMessages: a text message's payload is read like a binary
+    // one (without it text is dropped, with one Warn line the first time). allowedOrigins,
+    // server role: an upgrade whose Origin is not listed is answered 403; empty allows all,
+    // and an upgrade without Origin is always allowed.
+    void setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins);
     // Ends the engine's wait for input. Harmless when repeated.
     void terminateConnection();
 
@@ -186,6 +191,9 @@ private:
     std::string m_strDescription;
     std::string m_RecvBuffer;
     MessageBuffer m_ReadBuffer;  // reactor thread only
+    bool m_bTextMessages = false;
+    bool m_bTextDropTold = false;  // reactor thread only
+    std::vector<std::string> m_AllowedOrigins;
     std::atomic<unsigned int> m_nTotalBytesPending;
     std::vector<std::string> m_WriteBuffer;
     std::string m_strHandshakeError;

@@ -84,22 +84,25 @@ protected:
     void TearDown() override { ERR_clear_error(); }
 };
 
-TEST_F(SSLContextTest, EachFailingStepLogsItsSentenceAndThrowsOpenSSLsWords) {
+TEST_F(SSLContextTest, EachFailingStepLogsItsSentenceAndThrowsItWithTheCause) {
     const auto & m = material();
     const std::string missing = m.directory + "/missing.pem";
+    const std::string noFile = "No such file or directory";
     const struct {
         std::string options;
         std::string sentence;
+        std::string cause;  // empty: any
     } cases[] = {
-        {"CertificateFile=" + missing, "unable to load certificate file '" + missing + "'"},
-        {"PrivateKeyFile=" + missing, "unable to load private key file '" + missing + "'"},
+        {"CertificateFile=" + missing, "unable to load certificate file '" + missing + "'", noFile},
+        {"CertificateFile=" + m.directory, "unable to load certificate file '" + m.directory + "'", ""},
+        {"PrivateKeyFile=" + missing, "unable to load private key file '" + missing + "'", noFile},
         {"PrivateKeyFile=" + m.encryptedKey + ";PrivatePassword=wrong",
-         "unable to load private key file '" + m.encryptedKey + "'"},
+         "unable to load private key file '" + m.encryptedKey + "'", ""},
         // A key of another type lands in another slot, so only the explicit check catches it.
         {"CertificateFile=" + m.serverCert + ";PrivateKeyFile=" + m.otherKey,
-         "private key file '" + m.otherKey + "' does not match certificate file '" + m.serverCert + "'"},
-        {"CAFile=" + missing, "unable to load CA file '" + missing + "' or the path '' is not valid"},
-        {"CipherList=NO-SUCH-CIPHER", "unable to set cipher list to 'NO-SUCH-CIPHER'"},
+         "private key file '" + m.otherKey + "' does not match certificate file '" + m.serverCert + "'", ""},
+        {"CAFile=" + missing, "unable to load CA file '" + missing + "' or the path '' is not valid", noFile},
+        {"CipherList=NO-SUCH-CIPHER", "unable to set cipher list to 'NO-SUCH-CIPHER'", ""},
     };
     for (const auto & c : cases) {
         SCOPED_TRACE(c.options);
@@ -108,10 +111,16 @@ TEST_F(SSLContextTest, EachFailingStepLogsItsSentenceAndThrowsOpenSSLsWords) {
             makeContext("LoadCryptoCertStore=false;" + c.options);
             ADD_FAILURE() << "setup succeeded";
         } catch (const tools::SSLException & e) {
+            // One line: the sentence, then the first cause.
             const std::string text = e.what();
-            EXPECT_EQ(text.rfind("openssl:", 0), 0u) << text;
-            EXPECT_EQ(text.back(), '\n');
+            EXPECT_EQ(text.rfind(c.sentence + ": ", 0), 0u) << text;
+            EXPECT_GT(text.size(), c.sentence.size() + 2) << text;
+            EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+            if (!c.cause.empty()) {
+                EXPECT_EQ(text, c.sentence + ": " + c.cause);
+            }
             EXPECT_EQ(log.count("corvane.tools.SSLException", "WARN", text), 1u);
+            EXPECT_EQ(ERR_peek_error(), 0u) << "the queue is drained";
         }
         EXPECT_EQ(log.count(contextCategory, "ERROR", c.sentence), 1u);
         EXPECT_EQ(log.count(contextCategory, "ERROR", ""), 1u);
@@ -125,9 +134,11 @@ TEST_F(SSLContextTest, MissingPKCS12FileIsAnInternalExceptionNamingTheFile) {
         makeContext("LoadCryptoCertStore=false;PKCS12File=" + missing);
         ADD_FAILURE() << "setup succeeded";
     } catch (const tools::InternalException & e) {
-        EXPECT_EQ(std::string(e.what()), "Error opening PKCS#12 file '" + missing + "'");
+        EXPECT_EQ(std::string(e.what()), "Error opening PKCS#12 file '" + missing + "': No such file or directory");
     }
-    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN", "Error opening PKCS#12 file '" + missing + "'"), 1u);
+    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN",
+                        "Error opening PKCS#12 file '" + missing + "': No such file or directory"),
+              1u);
 }
 
 TEST_F(SSLContextTest, PKCS12WithWrongPasswordOrWrongFormatIsAnSSLException) {

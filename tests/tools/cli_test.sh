@@ -128,8 +128,51 @@ check "failed name check" one_line_error "validateCertificates: Common name does
     timeout 10 "$corvane" connect "ssl://127.0.0.1:$tls_port" --options "$client_tls"
 timeout 10 "$corvane" serve ssl://127.0.0.1:0 --options "CertificateFile=$tmp/missing.pem" > /dev/null 2> "$tmp/err"
 status=$?
-check "server without its certificate" grep -q "unable to load certificate file '$tmp/missing.pem'" "$tmp/err"
-check "server without its certificate exits 1" test "$status" -eq 1
+check "server with a missing certificate file names it and the cause" \
+    grep -qF "unable to load certificate file '$tmp/missing.pem': No such file or directory" "$tmp/err"
+check "server with a missing certificate file exits 1" test "$status" -eq 1
+check "server without a certificate" one_line_error "a TLS server needs a certificate" \
+    timeout 10 "$corvane" serve ssl://127.0.0.1:0
+# Port 0 is a free port for ws and wss too, and "listening on" names it.
+"$corvane" serve ws://127.0.0.1:0 > "$tmp/ws0.out" & pids+=($!)
+"$corvane" serve wss://127.0.0.1:0 --options "$server_tls" > "$tmp/wss0.out" & pids+=($!)
+ws0_port=$(listening_port "$tmp/ws0.out")
+wss0_port=$(listening_port "$tmp/wss0.out")
+check "ws port 0 is a free port" sh -c "[ '$ws0_port' -gt 1024 ] && echo hi | timeout 10 '$corvane' connect ws://127.0.0.1:$ws0_port --options EnableProxy=false | grep -qx hi"
+check "wss port 0 is a free port" sh -c "[ '$wss0_port' -gt 1024 ] && echo hi | timeout 10 '$corvane' connect wss://127.0.0.1:$wss0_port --options 'EnableProxy=false;NoCertify=true' | grep -qx hi"
+# AllowedOrigins and TextMessages against a browser-like client (python3-websockets).
+"$corvane" serve ws://127.0.0.1:0 --log-level WARN \
+    --options "AllowedOrigins=http://ok.example,http://also.example;TextMessages=true" > "$tmp/wso.out" 2> "$tmp/wso.err" & pids+=($!)
+"$corvane" serve ws://127.0.0.1:0 --log-level WARN > "$tmp/wst.out" 2> "$tmp/wst.err" & pids+=($!)
+wso_port=$(listening_port "$tmp/wso.out")
+wst_port=$(listening_port "$tmp/wst.out")
+ws_client() {  # ws_client PORT ORIGIN: sends two text messages, prints what comes back or the status
+    timeout 10 /usr/bin/python3 - "$@" <<'PY'
+import asyncio, sys, websockets
+async def main(port, origin):
+    try:
+        async with websockets.connect("ws://127.0.0.1:%s/" % port, origin=origin or None) as ws:
+            await ws.send("hello"); await ws.send("again")
+            try:
+                print(repr(await asyncio.wait_for(ws.recv(), 1)))
+            except asyncio.TimeoutError:
+                print("nothing")
+    except websockets.exceptions.InvalidStatusCode as e:
+        print("status", e.status_code)
+asyncio.run(main(sys.argv[1], sys.argv[2]))
+PY
+}
+answers() {  # answers EXPECTED PORT ORIGIN
+    local got; got=$(ws_client "$2" "$3"); [ "$got" = "$1" ] || { echo "  got: $got"; return 1; }
+}
+check "Origin outside AllowedOrigins gets 403" answers "status 403" "$wso_port" http://evil.example
+check "listed Origin, text echoed as binary" answers "b'hello'" "$wso_port" http://also.example
+check "no Origin is accepted" answers "b'hello'" "$wso_port" ""
+check "refused Origin logs one WARN line" test "$(grep -c "upgrade from Origin 'http://evil.example' refused" "$tmp/wso.err")" -eq 1
+check "text dropped without TextMessages" answers "nothing" "$wst_port" ""
+check "dropped text logs one WARN line per channel" test "$(grep -c 'text message dropped on' "$tmp/wst.err")" -eq 1
+check "NoCertify accepts any certificate and name" \
+    sh -c "echo hi | timeout 10 '$corvane' connect 'ssl://127.0.0.1:$tls_port' --options NoCertify=true | grep -qx hi"
 
 # 64 MiB full duplex through a tcp->ssl tunnel in front of the TLS echo server.
 head -c $((64 << 20)) /dev/urandom > "$tmp/big"

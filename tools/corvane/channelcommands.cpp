@@ -16,9 +16,6 @@
 
 #include "commands.h"
 #include "host.h"
-// The one internal header the host uses: a pure interface, so that the library's channels stop
-// reading for the echo handler while its echo waits for the socket.
-#include "socketio/readinterest.h"
 
 namespace cli {
 
@@ -26,7 +23,7 @@ namespace {
 
 // Echoes what it reads. Reads pause while echoed data waits for the socket, so memory stays
 // bounded; what is left when the peer ends is flushed for a short while before the close.
-class EchoHandler : public net::IChannelHandler, public socketio::IReadInterest {
+class EchoHandler : public net::IChannelHandler, public net::IReadInterest {
 public:
     explicit EchoHandler(net::IChannel * channel) : m_channel(channel) {}
 
