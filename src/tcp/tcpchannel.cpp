@@ -36,7 +36,8 @@ TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home)
       m_homeReactor(home),
       m_lastEventTime(0),
       m_sendFailureLogged(false),
-      m_closedByOwner(false) {
+      m_closedByOwner(false),
+      m_handlerReleased(false) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
@@ -50,10 +51,13 @@ void TCPChannel::close() {
     LOG4CXX_INFO(logger, "close[" << m_description << "]()");
     m_closedByOwner = true;
     socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
-    // The reactor is done with the channel: it lets go of what it holds, so that a channel kept
-    // for a while longer (the hand-over to openChannel's caller) keeps neither alive.
-    setChannelHandler(nullptr);
-    m_homeReactor = nullptr;
+    // The reactor is done with the channel: it lets go of its handler, so that a channel kept
+    // for a while longer (the hand-over to openChannel's caller) keeps no handler alive. Two
+    // threads may close at once (a layered channel's failure on its reactor and its owner):
+    // one of them lets go.
+    if (!m_handlerReleased.exchange(true)) {
+        setChannelHandler(nullptr);
+    }
 }
 
 void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {

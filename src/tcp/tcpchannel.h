@@ -80,6 +80,8 @@ private:
     std::atomic<bool> m_sendFailureLogged;
     // Set by close(): a channel its owner closed before the reactor took it in calls no handler.
     std::atomic<bool> m_closedByOwner;
+    // Set by the close() that lets go of the handler.
+    std::atomic<bool> m_handlerReleased;
 };
 
 }  // namespace tcp

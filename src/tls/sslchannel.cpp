@@ -90,10 +90,9 @@ void SSLChannel::close() {
     // gone and ends the channel without a callback.
     terminateConnection();
     socketio::CloseSubscriber(this, m_reactor, m_homeReactor.get(), m_socket);
-    // The reactor is done with the channel: it lets go of what it holds, so that a channel kept
-    // for a while longer (the hand-over to openChannel's caller) keeps neither alive.
+    // The reactor is done with the channel: it lets go of its handler, so that a channel kept
+    // for a while longer (the hand-over to openChannel's caller) keeps no handler alive.
     setChannelHandler(nullptr);
-    m_homeReactor = nullptr;
 }
 
 short SSLChannel::getEventMask() noexcept {

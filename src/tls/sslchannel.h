@@ -99,7 +99,7 @@ private:
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
     // The reactor this channel belongs to (given at construction, else the first registration),
     // kept after removal so that close() on a host thread can synchronise with the reactor
-    // ending the channel; close() lets go of it.
+    // ending the channel. Not changed once set.
     Common::SmartPtr<socketio::SelectReactor> m_homeReactor;
     SSL * m_ssl;  // GUARDED_BY(m_lock)
     std::string m_localURI;
