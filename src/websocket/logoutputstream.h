@@ -19,7 +19,9 @@ constexpr unsigned int kAccessChannels = 0x3003;
 const char * accessChannelName(unsigned int channel);
 const char * errorChannelName(unsigned int channel);
 // The level of an error channel; null for the channels that are never logged (none, devel).
-log4cxx::LevelPtr errorChannelLevel(unsigned int channel);
+const log4cxx::LevelPtr & errorChannelLevel(unsigned int channel);
+// Connects and disconnects are the events an operator wants (Info); the rest is detail (Trace).
+const log4cxx::LevelPtr & accessChannelLevel(unsigned int channel);
 void writeLine(const log4cxx::LoggerPtr & logger, const log4cxx::LevelPtr & level, const char * name,
                const char * message);
 }  // namespace detail
@@ -41,10 +43,7 @@ public:
         if (!m_logger || (channel & detail::kAccessChannels) == 0) {
             return;
         }
-        // Connects and disconnects are the events an operator wants; the rest is detail.
-        const log4cxx::LevelPtr & logLevel =
-            (channel == 1 || channel == 2) ? log4cxx::Level::getInfo() : log4cxx::Level::getTrace();
-        detail::writeLine(m_logger, logLevel, detail::accessChannelName(channel), message);
+        detail::writeLine(m_logger, detail::accessChannelLevel(channel), detail::accessChannelName(channel), message);
     }
 
     constexpr bool static_test(level channel) const { return (channel & detail::kAccessChannels) != 0; }

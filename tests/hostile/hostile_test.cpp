@@ -296,7 +296,11 @@ TEST_F(Hostile, HostThreadSendNeverReachesReusedNumber) {
                 channel->getWriteDataStream()->send(1, &byte);
             }
         });
-        const int number = static_cast<int>(dynamic_cast<socketio::ISelectEventSubscriber *>(channel.get())->getSocket());
+        int number;
+        {
+            socketio::SelectReactor::ForeignThreadGuard guard(reactor.get());
+            number = static_cast<int>(dynamic_cast<socketio::ISelectEventSubscriber *>(channel.get())->getSocket());
+        }
         resetAndClose(peer);
         ASSERT_TRUE(waitFor([&] { return handler->ended() && fcntl(number, F_GETFD) < 0; }));
         // Socket pairs take the lowest free numbers, the channel's old one among them.
