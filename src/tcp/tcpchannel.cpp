@@ -163,6 +163,10 @@ bool TCPChannel::shutdownWrite() {
     if (m_socket == socketio::INVALID_SOCKET_HANDLE) {
         return false;
     }
+    // The abortive linger of the socket options would drop what the kernel still holds for
+    // the peer at the close that follows: an ended direction is delivered whole.
+    struct linger orderly{0, 0};
+    ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
     return ::shutdown(static_cast<int>(m_socket), SHUT_WR) == 0;
 }
 

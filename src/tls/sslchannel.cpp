@@ -461,6 +461,10 @@ bool SSLChannel::shutdownWrite() {
     if (m_ssl == nullptr || !m_handshakeDone || m_socket == socketio::INVALID_SOCKET_HANDLE) {
         return false;
     }
+    // The abortive linger of the socket options would drop what the kernel still holds for
+    // the peer at the close that follows: an ended direction is delivered whole.
+    struct linger orderly{0, 0};
+    ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
     ERR_clear_error();
     // 0: sent, the peer's close_notify not yet seen; 1: both sent. A socket that cannot take
     // the alert now leaves it to the close, which sends it again.

@@ -343,6 +343,22 @@ bool TunnelEndPoint::advance_i() {
     if (m_closed.load()) {
         return false;
     }
+    if (!advanceEnds_i()) {
+        return false;
+    }
+    // An orderly end: what the kernels still hold for each side goes out before the end.
+    for (TunnelEndPoint * end : {this, m_peer.get()}) {
+        if (end != nullptr && end->m_channel && !end->m_outputShut) {
+            if (auto * halfClose = dynamic_cast<socketio::IHalfClose *>(end->m_channel.get())) {
+                halfClose->shutdownWrite();
+            }
+            end->m_outputShut = true;
+        }
+    }
+    return true;
+}
+
+bool TunnelEndPoint::advanceEnds_i() {
     TunnelEndPoint * peer = m_peer.get();
     if (peer == nullptr) {
         // Not joined yet: the ring waits for the target's channel, unless it has nothing for it

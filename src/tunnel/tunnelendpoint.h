@@ -97,6 +97,8 @@ private:
     // Shared lock held: passes on the ends of directions whose rings have been delivered.
     // True when the tunnel is to end now (the caller closes it, outside the lock).
     bool advance_i();
+    // advance_i without the shutdown of the ends that goes with an orderly end.
+    bool advanceEnds_i();
     // Shared lock held: the direction from `from` to `to` ended and is delivered: shuts down
     // `to`'s sending side. False when the whole tunnel must end instead.
     static bool forwardEnd_i(TunnelEndPoint & from, TunnelEndPoint & to);

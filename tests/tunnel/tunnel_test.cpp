@@ -691,7 +691,8 @@ TEST_F(Tunnels, HalfClosingClientGetsItsWholeReply) {
         int server = target.acceptWithin();
         ASSERT_GE(server, 0);
         std::thread answering(answerAfterTheEnd, server, reply);
-        EXPECT_TRUE(recvExact(client, reply.size() + request.size()) == reply + request) << "round " << round;
+        const std::string got = recvExact(client, reply.size() + request.size());
+        EXPECT_TRUE(got == reply + request) << "round " << round << ": " << got.size() << " bytes";
         EXPECT_TRUE(seesEnd(client));
         answering.join();
         close(client);
