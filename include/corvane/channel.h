@@ -195,6 +195,8 @@ public:
 // Names the target of a tunnel connection at the moment it is opened.
 class IChannelEndpoint : public virtual Common::IRefCnt {
 public:
+    // On one of the store's creator threads, never on the reactor thread: one call at a time,
+    // in the order the connections arrived, before their connections are opened in parallel.
     virtual void getEndpoint(std::string & uri, std::string & options) = 0;
 };
 

@@ -33,6 +33,8 @@ int errorOrContinue(std::atomic<bool> & failureLogged) {
 TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home)
     : m_socket(socket),
       m_readInterest(nullptr),
+      m_readEnd(nullptr),
+      m_readEnded(false),
       m_homeReactor(home),
       m_lastEventTime(0),
       m_sendFailureLogged(false),
@@ -64,6 +66,7 @@ void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
     LOG4CXX_TRACE(logger, "setChannelHandler");
     m_channelHandler = handler;
     m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
+    m_readEnd = dynamic_cast<socketio::IReadEnd *>(handler);
 }
 
 short TCPChannel::getEventMask() noexcept {
@@ -71,7 +74,7 @@ short TCPChannel::getEventMask() noexcept {
         return socketio::SELECT_EVENT_READ;
     }
     short mask = 0;
-    if (m_readInterest == nullptr || m_readInterest->wantsRead()) {
+    if (!m_readEnded && (m_readInterest == nullptr || m_readInterest->wantsRead())) {
         mask |= socketio::SELECT_EVENT_READ;
     }
     if (m_channelHandler->hasPendingWrite()) {
@@ -89,13 +92,19 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
     Common::SmartPtr<net::IChannelHandler> handler = m_channelHandler;
     bool ending = false;  // onClose or onError has been called: it was the handler's last call
     try {
-        if ((events & socketio::SELECT_EVENT_READ) != 0) {
+        if ((events & socketio::SELECT_EVENT_READ) != 0 && !m_readEnded) {
             char byte;
             ssize_t peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
             if (peeked <= 0) {
                 ending = true;
             }
-            if (peeked == 0) {
+            if (peeked == 0 && m_readEnd != nullptr && handler.get() == m_channelHandler.get() &&
+                m_readEnd->onReadEnd()) {
+                // Half-closed: the handler still writes, and closes the channel when done.
+                ending = false;
+                m_readEnded = true;
+                peeked = 1;
+            } else if (peeked == 0) {
                 handler->onClose();
                 return false;
             }
@@ -104,7 +113,9 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
                 handler->onError();
                 return false;
             }
-            handler->onRead(this);
+            if (!m_readEnded) {
+                handler->onRead(this);
+            }
         }
         if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
             handler->onWrite(this);
@@ -149,6 +160,18 @@ int TCPChannel::send(int length, const void * buffer) {
     // MSG_NOSIGNAL: a peer that has gone must never kill the host with SIGPIPE.
     ssize_t sent = ::send(static_cast<int>(m_socket), buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
     return sent >= 0 ? static_cast<int>(sent) : errorOrContinue(m_sendFailureLogged);
+}
+
+bool TCPChannel::shutdownWrite() {
+    std::lock_guard<std::mutex> guard(m_socketLock);
+    if (m_socket == socketio::INVALID_SOCKET_HANDLE) {
+        return false;
+    }
+    // The abortive linger of the socket options would drop what the kernel still holds for
+    // the peer at the close that follows: an ended direction is delivered whole.
+    struct linger orderly{0, 0};
+    ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    return ::shutdown(static_cast<int>(m_socket), SHUT_WR) == 0;
 }
 
 void TCPChannel::closeSocket() {

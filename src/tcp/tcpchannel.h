@@ -12,6 +12,7 @@
 #include <string>
 
 #include "corvane/channel.h"
+#include "socketio/halfclose.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
@@ -21,7 +22,8 @@ namespace tcp {
 class TCPChannel : public net::IChannel,
                    public socketio::ISelectEventSubscriber,
                    public net::IReadDataStream,
-                   public net::IWriteDataStream {
+                   public net::IWriteDataStream,
+                   public socketio::IHalfClose {
 public:
     // Takes a connected socket and switches it to non-blocking mode. The destructor closes
     // nothing: close() is the owner's duty (or the reactor's, when the connection ends).
@@ -59,6 +61,8 @@ public:
     // Any thread. Bytes taken; 0 when the socket buffer is full; -1 when the send failed or
     // the socket is closed already.
     int send(int length, const void * buffer) override;
+    // Any thread. shutdown(2) SHUT_WR: the peer reads its end after the bytes sent so far.
+    bool shutdownWrite() override;
 
 private:
     // Written by closeSocket under m_socketLock (and the reactor's lock); read under either.
@@ -69,6 +73,11 @@ private:
     Common::SmartPtr<net::IChannelHandler> m_channelHandler;
     // The handler's read-interest face, if it has one; found when the handler is set.
     socketio::IReadInterest * m_readInterest;
+    // The handler's half-close face, if it has one; found when the handler is set.
+    socketio::IReadEnd * m_readEnd;
+    // Reactor thread only: the peer's FIN was read and the handler kept the channel for
+    // writing. No read events any more: poll would report the end again and again.
+    bool m_readEnded;
     Common::SmartPtr<socketio::SelectReactor> m_reactor;
     // The reactor this channel was first registered with, kept after removal so that close()
     // on a host thread can synchronise with the reactor ending the channel.

@@ -37,6 +37,8 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
       m_homeReactor(home),
       m_ssl(ssl),
       m_readInterest(nullptr),
+      m_readEnd(nullptr),
+      m_readEnded(false),
       m_handshakeDone(handshakeDone),
       m_endPending(false),
       m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE),
@@ -74,6 +76,7 @@ void SSLChannel::setChannelHandler(net::IChannelHandler * handler) {
     previous = m_handler;
     m_handler = handler;
     m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
+    m_readEnd = dynamic_cast<socketio::IReadEnd *>(handler);
 }
 
 void SSLChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) {
@@ -101,6 +104,7 @@ short SSLChannel::getEventMask() noexcept {
     bool handshakeDone;
     int pending;
     bool endPending;
+    bool readEnded;
     {
         Common::ScopedLock guard(&m_lock);
         handler = m_handler;
@@ -108,6 +112,7 @@ short SSLChannel::getEventMask() noexcept {
         handshakeDone = m_handshakeDone;
         pending = m_ssl != nullptr && handshakeDone ? SSL_pending(m_ssl) : 0;
         endPending = m_endPending;
+        readEnded = m_readEnded;
     }
     if (m_handlerFailed) {
         return socketio::SELECT_EVENT_PENDING;
@@ -122,7 +127,9 @@ short SSLChannel::getEventMask() noexcept {
     // The end of the connection is told whether or not the handler wants bytes.
     short mask = endPending ? socketio::SELECT_EVENT_PENDING : 0;
     try {
-        if (readInterest == nullptr || readInterest->wantsRead()) {
+        if (readEnded) {
+            mask = 0;
+        } else if (readInterest == nullptr || readInterest->wantsRead()) {
             mask |= socketio::SELECT_EVENT_READ;
             // Bytes that OpenSSL decoded and the handler left unread are not in the socket any
             // more: without this the handler would wait for the peer's next record.
@@ -208,7 +215,14 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
         return true;
     }
 
-    if ((events & (socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_PENDING)) != 0) {
+    bool readEnded;
+    socketio::IReadEnd * readEnd;
+    {
+        Common::ScopedLock guard(&m_lock);
+        readEnded = m_readEnded;
+        readEnd = handler == m_handler.get() ? m_readEnd : nullptr;
+    }
+    if (!readEnded && (events & (socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_PENDING)) != 0) {
         ReadOutcome outcome = ReadOutcome::Deliver;
         {
             Common::ScopedLock guard(&m_lock);
@@ -225,7 +239,10 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
                 if (result <= 0) {
                     const int error = SSL_get_error(m_ssl, result);
                     if (error == SSL_ERROR_ZERO_RETURN) {
-                        terminateConnection_i();
+                        // Kept for a handler that still writes: it ends the connection itself.
+                        if (readEnd == nullptr) {
+                            terminateConnection_i();
+                        }
                         outcome = ReadOutcome::PeerClosed;
                     } else if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE &&
                                error != SSL_ERROR_WANT_CONNECT && error != SSL_ERROR_WANT_ACCEPT) {
@@ -245,6 +262,15 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
             case ReadOutcome::ClosedByOwner:
                 return false;
             case ReadOutcome::PeerClosed:
+                if (readEnd != nullptr) {
+                    if (readEnd->onReadEnd()) {
+                        Common::ScopedLock guard(&m_lock);
+                        m_readEnded = true;
+                        m_endPending = false;
+                        break;
+                    }
+                    terminateConnection();
+                }
                 handler->onClose();
                 return false;
             case ReadOutcome::Failed:
@@ -427,6 +453,24 @@ int SSLChannel::send(int length, const void * buffer) {
     }
     LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
     return -1;
+}
+
+bool SSLChannel::shutdownWrite() {
+    Common::ScopedLock guard(&m_lock);
+    if (m_ssl == nullptr || !m_handshakeDone || m_socket == socketio::INVALID_SOCKET_HANDLE) {
+        return false;
+    }
+    // The abortive linger of the socket options would drop what the kernel still holds for
+    // the peer at the close that follows: an ended direction is delivered whole.
+    struct linger orderly{0, 0};
+    ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    ERR_clear_error();
+    // 0: sent, the peer's close_notify not yet seen; 1: both sent. A socket that cannot take
+    // the alert now leaves it to the close, which sends it again.
+    const int result = SSL_shutdown(m_ssl);
+    LOG4CXX_TRACE(logger, "shutdownWrite: SSL_shutdown( ssl ) = " << result);
+    ERR_clear_error();
+    return true;
 }
 
 void SSLChannel::terminateConnection() {

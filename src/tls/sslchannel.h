@@ -25,6 +25,7 @@
 
 #include "common/lock.h"
 #include "corvane/channel.h"
+#include "socketio/halfclose.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
@@ -34,7 +35,8 @@ namespace ssl {
 class SSLChannel : public net::IChannel,
                    public socketio::ISelectEventSubscriber,
                    public net::IReadDataStream,
-                   public net::IWriteDataStream {
+                   public net::IWriteDataStream,
+                   public socketio::IHalfClose {
 public:
     // Takes over the connected socket (switched to non-blocking here) and the SSL bound to it.
     // The URIs carry the scheme "ssl", whatever the channel was opened as. The destructor frees
@@ -77,6 +79,9 @@ public:
     // bytes, at least as many) and while an accepted channel's handshake runs (the handler's
     // write event comes once it is done); -1 when the connection failed or is closed.
     int send(int length, const void * buffer) override;
+    // Any thread. Sends close_notify (SSL_shutdown(3), whose answer is not awaited) and goes on
+    // reading until the peer's own close_notify; false before the handshake or once closed.
+    bool shutdownWrite() override;
 
     // Reactor thread: one step of the server handshake. False when it failed.
     bool handleAccept();
@@ -109,6 +114,11 @@ private:
     // The handler's read-interest face, looked up once when the handler is set; null when it
     // has none.
     socketio::IReadInterest * m_readInterest;  // GUARDED_BY(m_lock)
+    // The handler's half-close face, if it has one; found when the handler is set.
+    socketio::IReadEnd * m_readEnd;            // GUARDED_BY(m_lock)
+    // The peer's close_notify was read and the handler kept the channel for writing: no read
+    // events any more.
+    bool m_readEnded;                          // GUARDED_BY(m_lock)
     bool m_handshakeDone;                      // GUARDED_BY(m_lock)
     // recv met the peer's end or a failure after bytes it delivered: the next cycle's peek
     // reports it, even with a silent socket.

@@ -15,7 +15,8 @@ namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.net.TunnelCreatorThread");
 }
 
-TunnelCreatorThread::TunnelCreatorThread() : m_condition(&m_lock), m_idle(0), m_stop(true) {}
+TunnelCreatorThread::TunnelCreatorThread()
+    : m_condition(&m_lock), m_idle(0), m_ticketsTaken(0), m_ticketServed(0), m_turn(&m_lock), m_stop(true) {}
 
 TunnelCreatorThread::~TunnelCreatorThread() = default;
 
@@ -70,6 +71,10 @@ void TunnelCreatorThread::stopProcessing() {
         abandoned.swap(m_queue);
         m_idle = 0;
     }
+    // Their clients would otherwise wait for a target that never comes.
+    for (Job & job : abandoned) {
+        job.endPoint->close("the tunnels were stopped");
+    }
 }
 
 void TunnelCreatorThread::submit(Common::SmartPtr<TunnelEndPoint> endPoint, IChannelEndpoint * endpoint) {
@@ -100,17 +105,49 @@ void TunnelCreatorThread::ThreadMain() {
         }
         Job job = std::move(m_queue.front());
         m_queue.pop_front();
+        const std::uint64_t ticket = m_ticketsTaken++;
+        while (m_ticketServed != ticket) {
+            m_turn.Wait();
+        }
+        std::string target;
+        std::string options;
+        std::string failure = "an unknown exception";
+        bool resolved = false;
+        {
+            Common::ScopedUnlock unlocked(&m_lock);
+            try {
+                // A client that has gone needs no target.
+                if (!job.endPoint->m_closed.load()) {
+                    job.endpoint->getEndpoint(target, options);
+                }
+                resolved = true;
+            } catch (const std::exception & e) {
+                failure = e.what();
+            } catch (...) {
+            }
+        }
+        ++m_ticketServed;
+        m_turn.Broadcast();
+        if (m_stop) {
+            // The stop's abort has passed already: this connection would not be ended by it.
+            resolved = false;
+            failure = "the tunnels were stopped";
+        }
         socketio::ConnectAbort abort;
         m_opening.push_back(&abort);
         {
             Common::ScopedUnlock unlocked(&m_lock);
             // The accepted end point's description is fixed since its construction.
             const std::string description = job.endPoint->getDescription();
-            std::string failure = "an unknown exception";
             try {
                 socketio::ConnectAbortScope scope(&abort);
-                store->connectEndpoints(job.endPoint.get(), job.endpoint.get());
-                job.endPoint = nullptr;
+                if (resolved) {
+                    store->connectEndpoints(job.endPoint.get(), target, options);
+                    job.endPoint = nullptr;
+                } else {
+                    LOG4CXX_WARN(logger, "while creating a connection on behalf of '"
+                                             << description << "' exception caught:" << failure);
+                }
             } catch (const std::exception & e) {
                 LOG4CXX_WARN(logger, "while creating a connection on behalf of '" << description
                                                                                   << "' exception caught:" << e.what());
@@ -123,13 +160,6 @@ void TunnelCreatorThread::ThreadMain() {
             abort.releaseAll();
             // The attempt failed: the accepted client sees its connection end.
             if (job.endPoint) {
-                std::string target;
-                std::string options;
-                try {
-                    job.endpoint->getEndpoint(target, options);
-                } catch (...) {
-                    target.clear();
-                }
                 job.endPoint->closeFailedConnect(target, failure);
             }
         }

@@ -1,11 +1,14 @@
 // net::TunnelCreatorThread: the workers of a net::TunnelStore that open the outgoing channel
 // of each accepted tunnel connection, so that a blocking openChannel never runs on the reactor
 // thread. Jobs start in order of submission; up to kMaxWorkers run at once, so that one slow
-// target (a full backlog, a slow proxy or handshake) does not hold the others. Held by the
+// target (a full backlog, a slow proxy or handshake) does not hold the others. The target of
+// each job is asked of its IChannelEndpoint one job at a time, in order of submission, before
+// the connections run in parallel. Held by the
 // store and by each of its services; it holds the store while its threads run.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <vector>
 
@@ -57,6 +60,12 @@ private:
     Common::SmartPtr<TunnelStore> m_store;     // GUARDED_BY(m_lock)
     std::deque<Job> m_queue;                   // GUARDED_BY(m_lock)
     std::vector<socketio::ConnectAbort *> m_opening;  // GUARDED_BY(m_lock): on workers' frames
+    // Tickets of the jobs taken and of the next job whose getEndpoint may run: a worker asks
+    // for its target only when its ticket comes up, so that a host's endpoint sees one call at
+    // a time, in order of arrival.
+    std::uint64_t m_ticketsTaken;              // GUARDED_BY(m_lock)
+    std::uint64_t m_ticketServed;              // GUARDED_BY(m_lock)
+    Common::ConditionVariable m_turn;          // bound to m_lock; broadcast when m_ticketServed moves
     bool m_stop;                               // GUARDED_BY(m_lock)
 };
 

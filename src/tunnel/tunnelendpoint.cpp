@@ -85,8 +85,15 @@ bool TunnelEndPoint::hasPendingWrite() {
 }
 
 bool TunnelEndPoint::wantsRead() {
-    // A closed end point still reads, so that its channel's read path finds the end.
-    return m_closed.load() || m_filled.load(std::memory_order_relaxed) < m_bufferSize;
+    // A closed end point still reads, so that its channel's read path finds the end. A ring of
+    // 0 bytes reads until its first data, so that a client that leaves at once is seen.
+    if (m_closed.load()) {
+        return true;
+    }
+    if (m_bufferSize == 0) {
+        return !m_zeroRingStalled.load();
+    }
+    return m_filled.load(std::memory_order_relaxed) < m_bufferSize;
 }
 
 void TunnelEndPoint::onRead(IReadDataStream * stream) {
@@ -118,6 +125,9 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
         }
         if (!allocationFailed) {
             if (m_free == 0) {
+                if (m_bufferSize == 0) {
+                    m_zeroRingStalled.store(true);
+                }
                 return;
             }
             std::uint32_t length = m_free;
@@ -200,9 +210,24 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
 
 void TunnelEndPoint::onWrite(IWriteDataStream * stream) {
     {
-        Common::ScopedLock guard(&m_lock->m_lock);
-        LOG4CXX_TRACE(logger, "onWrite[" << m_description << "]");
-        if (sendFromPeerRing_i(stream) >= 0) {
+        bool ending = false;
+        {
+            Common::ScopedLock guard(&m_lock->m_lock);
+            LOG4CXX_TRACE(logger, "onWrite[" << m_description << "]");
+            if (m_channelGone) {
+                return;
+            }
+            const int sent = sendFromPeerRing_i(stream);
+            if (sent >= 0) {
+                // The last bytes of a direction that has ended: its end follows them.
+                ending = sent > 0 && m_peer && m_peer->m_inputEnded && advance_i();
+                if (!ending) {
+                    return;
+                }
+            }
+        }
+        if (ending) {
+            close();
             return;
         }
     }
@@ -236,21 +261,11 @@ void TunnelEndPoint::onClose() {
     if (m_closed.load()) {
         return;
     }
-    // Removal from the map may drop the last reference but this one.
-    Common::SmartPtr<TunnelEndPoint> keep(this);
-    Detached detached;
     {
         Common::ScopedLock guard(&m_lock->m_lock);
         LOG4CXX_INFO(logger, "onClose[" << m_description << "]");
-        if (!detach_i(detached, m_accepted ? "closed by the client" : "closed by the target")) {
-            return;
-        }
     }
-    // The channel is not closed here: it is what reported the end. The references go only
-    // now, outside the shared lock.
-    if (detached.peer) {
-        detached.peer->close();
-    }
+    channelGone();
 }
 
 void TunnelEndPoint::onError() {
@@ -258,11 +273,125 @@ void TunnelEndPoint::onError() {
     LOG4CXX_INFO(logger, "onError[" << lockedDescription() << "]");
     {
         Common::ScopedLock guard(&m_lock->m_lock);
-        if (!m_closed.load() && m_lock->m_record.how.empty()) {
-            m_lock->m_record.how = errorText(error, m_accepted ? "client" : "target");
+        if (!m_closed.load()) {
+            noteEnd_i(errorText(error, m_accepted ? "client" : "target"));
         }
     }
     onClose();
+}
+
+void TunnelEndPoint::channelGone() {
+    // Closing may drop the last reference but this one.
+    Common::SmartPtr<TunnelEndPoint> keep(this);
+    // The channel is not closed here: it is what reported the end. Its reference goes only
+    // outside the shared lock.
+    Common::SmartPtr<IChannel> gone;
+    bool ending = false;
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        if (m_closed.load()) {
+            return;
+        }
+        noteEnd_i(m_accepted ? "closed by the client" : "closed by the target");
+        m_inputEnded = true;
+        m_channelGone = true;
+        gone = std::move(m_channel);
+        ending = advance_i();
+    }
+    if (ending) {
+        close();
+    }
+}
+
+bool TunnelEndPoint::onReadEnd() {
+    Common::SmartPtr<TunnelEndPoint> keep(this);
+    bool ending = false;
+    {
+        Common::ScopedLock guard(&m_lock->m_lock);
+        LOG4CXX_DEBUG(logger, "onReadEnd[" << m_description << "]");
+        if (m_closed.load()) {
+            return true;
+        }
+        noteEnd_i(m_accepted ? "closed by the client" : "closed by the target");
+        m_inputEnded = true;
+        ending = advance_i();
+    }
+    if (ending) {
+        close();
+    }
+    return true;
+}
+
+void TunnelEndPoint::noteEnd_i(const std::string & how) {
+    if (m_lock->m_record.how.empty()) {
+        m_lock->m_record.how = how;
+    }
+}
+
+namespace {
+bool delivered(bool inputEnded, std::uint32_t filled) {
+    return inputEnded && filled == 0;
+}
+}  // namespace
+
+bool TunnelEndPoint::forwardEnd_i(TunnelEndPoint & from, TunnelEndPoint & to) {
+    if (!delivered(from.m_inputEnded, from.m_filled.load(std::memory_order_relaxed))) {
+        return true;
+    }
+    if (from.m_channelGone) {
+        // What `to` holds for `from` can go nowhere.
+        return false;
+    }
+    if (!to.m_channel || to.m_outputShut) {
+        // `to` ended already (its own ring decides), or its end was passed on before.
+        return true;
+    }
+    auto * halfClose = dynamic_cast<socketio::IHalfClose *>(to.m_channel.get());
+    if (halfClose == nullptr || !halfClose->shutdownWrite()) {
+        return false;
+    }
+    to.m_outputShut = true;
+    return true;
+}
+
+bool TunnelEndPoint::advance_i() {
+    if (m_closed.load()) {
+        return false;
+    }
+    if (!advanceEnds_i()) {
+        return false;
+    }
+    // An orderly end: what the kernels still hold for each side goes out before the end.
+    for (TunnelEndPoint * end : {this, m_peer.get()}) {
+        if (end != nullptr && end->m_channel && !end->m_outputShut) {
+            if (auto * halfClose = dynamic_cast<socketio::IHalfClose *>(end->m_channel.get())) {
+                halfClose->shutdownWrite();
+            }
+            end->m_outputShut = true;
+        }
+    }
+    return true;
+}
+
+bool TunnelEndPoint::advanceEnds_i() {
+    TunnelEndPoint * peer = m_peer.get();
+    if (peer == nullptr) {
+        // Not joined yet: the ring waits for the target's channel, unless it has nothing for it
+        // or a tunnel without rings could carry nothing anyway.
+        return m_inputEnded && (m_bufferSize == 0 || (m_channelGone && m_filled.load() == 0));
+    }
+    if (m_bufferSize == 0 && (m_inputEnded || peer->m_inputEnded)) {
+        return true;
+    }
+    if (delivered(m_inputEnded, m_filled.load()) && delivered(peer->m_inputEnded, peer->m_filled.load())) {
+        return true;
+    }
+    return !forwardEnd_i(*this, *peer) || !forwardEnd_i(*peer, *this);
+}
+
+bool TunnelEndPoint::afterJoin() {
+    Common::ScopedLock guard(&m_lock->m_lock);
+    return m_closed.load() || advance_i();
 }
 
 void TunnelEndPoint::closeFailedConnect(const std::string & targetURI, const std::string & failure) {

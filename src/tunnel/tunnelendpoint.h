@@ -1,5 +1,9 @@
 // net::TunnelEndPoint: the handler of one channel of a tunnel and one half of its data pump.
 // Its ring holds what its own channel has read and the peer's channel has not yet written.
+// An end of either side is delivered before it is passed on: what the ring holds goes out
+// first, then the other side's sending direction is shut down where its transport can (TCP,
+// TLS) and the other direction flows on; the tunnel ends when both directions have ended, or
+// at once when a send fails.
 // Kept alive by its channel (as handler), the store's map and its peer; closing drops all three.
 // Callbacks run on the reactor thread, close() on any thread, setChannel on the creator thread.
 #pragma once
@@ -11,13 +15,14 @@
 
 #include "common/lock.h"
 #include "corvane/channel.h"
+#include "socketio/halfclose.h"
 #include "socketio/readinterest.h"
 
 namespace net {
 
 class TunnelStore;
 
-class TunnelEndPoint : public IChannelHandler, public socketio::IReadInterest {
+class TunnelEndPoint : public IChannelHandler, public socketio::IReadInterest, public socketio::IReadEnd {
 public:
     // One per tunnel, shared by both end points: it guards both rings, both peer pointers,
     // both channel references and both closed flags, so that no peer is ever half gone.
@@ -58,9 +63,15 @@ public:
     // Reactor thread. One send from the contiguous filled stretch of the peer's ring; what the
     // stream does not take stays at the read position for the next onWrite.
     void onWrite(IWriteDataStream * stream) override;
-    // Reactor thread. The own channel ended: the peer's channel is closed, buffered bytes dropped.
+    // Reactor thread. The own channel ended (an error counts as an end): what the own ring
+    // holds still goes to the peer's channel, then the tunnel ends. What the peer's ring holds
+    // for the own channel is dropped: nothing can take it any more.
     void onClose() override;
     void onError() override;
+    // Reactor thread. The own channel's peer stopped sending: once the own ring is delivered,
+    // the peer's channel is shut down for writing (or closed, where its transport cannot).
+    // Always true: the tunnel closes the channel itself.
+    bool onReadEnd() override;
 
     // Any thread. Closes the own channel and the peer; harmless when repeated. `how` tells the
     // connection's end line why, when this is the first end to close.
@@ -73,11 +84,28 @@ public:
     // Any thread; takes the shared lock of both (one lock). Joins the two halves of a tunnel:
     // false, and nothing joined, when `second` has already closed.
     static bool JoinPair(TunnelEndPoint * first, TunnelEndPoint * second);
+    // Creator thread, after the pair is joined: the ends that came before the join are passed
+    // on. True when the tunnel is to end now (the caller closes it).
+    bool afterJoin();
     // Fixed once the channel is set; the store reads it as the key of its map.
     const std::string & getDescription() const { return m_description; }
 
 private:
     friend class TunnelStore;  // joins a pair under the shared lock (connectEndpoints)
+    friend class TunnelCreatorThread;  // skips the target of a client that has gone
+
+    // Shared lock held: passes on the ends of directions whose rings have been delivered.
+    // True when the tunnel is to end now (the caller closes it, outside the lock).
+    bool advance_i();
+    // advance_i without the shutdown of the ends that goes with an orderly end.
+    bool advanceEnds_i();
+    // Shared lock held: the direction from `from` to `to` ended and is delivered: shuts down
+    // `to`'s sending side. False when the whole tunnel must end instead.
+    static bool forwardEnd_i(TunnelEndPoint & from, TunnelEndPoint & to);
+    // Shared lock held: the first end of the connection names how it ended.
+    void noteEnd_i(const std::string & how);
+    // Reactor thread: onClose and onError after their own words.
+    void channelGone();
 
     // With the shared lock held: one send of the peer's ring to `stream` (the own channel's);
     // the send's result.
@@ -122,6 +150,12 @@ private:
     bool m_accepted = false;                   // the client's end, not the target's; fixed at construction
     bool m_counted = false;                    // GUARDED_BY(m_lock): in the record's openEnds
     std::uint64_t m_sent = 0;                  // GUARDED_BY(m_lock): bytes written to the own channel
+    bool m_inputEnded = false;                 // GUARDED_BY(m_lock): the own channel reads no more
+    bool m_channelGone = false;                // GUARDED_BY(m_lock): the own channel ended altogether
+    bool m_outputShut = false;                 // GUARDED_BY(m_lock): the own channel's sending side is shut
+    // Reactor thread only: a ring of 0 bytes met data it cannot take; reads stop, so that the
+    // reactor does not wake for it again and again. Until then the end of the channel is seen.
+    std::atomic<bool> m_zeroRingStalled{false};
 };
 
 }  // namespace net

@@ -139,15 +139,12 @@ void TunnelStore::removeTunnel(TunnelEndPoint * endPoint) {
     m_condition.Broadcast();
 }
 
-void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * endpoint) {
+void TunnelStore::connectEndpoints(TunnelEndPoint * peer, const std::string & uri, const std::string & options) {
     // The accepted side ended while its job waited (its channel was refused, or its client
     // left): nobody would ever use the target's connection.
     if (peer->m_closed.load()) {
         return;
     }
-    std::string uri;
-    std::string options;
-    endpoint->getEndpoint(uri, options);
     URI parsed = URI::FromString(uri);
     LOG4CXX_DEBUG(logger, "initiating connection to '" << parsed.ToString() << "' on behalf of '"
                                                        << peer->getDescription() << "'");
@@ -170,23 +167,18 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * end
     // The target may have ended its connection before the pair is joined; its onClose then
     // found neither a peer nor (before storeTunnel) an entry in the map.
     const bool targetEnded = !TunnelEndPoint::JoinPair(peer, newEndPoint.get());
-    bool peerHasChannel = false;
-    Common::Lock & shared = peer->getLock()->m_lock;
-    if (!targetEnded) {
-        Common::ScopedLock guard(&shared);
-        peerHasChannel = static_cast<bool>(peer->m_channel);
-    }
     if (targetEnded) {
         removeTunnel(newEndPoint.get());
         {
-            Common::ScopedLock guard(&shared);
+            Common::ScopedLock guard(&peer->getLock()->m_lock);
             channel = nullptr;
             newEndPoint->m_channel = nullptr;
         }
         throw InternalException(("connection to '" + uri + "' ended before the tunnel was joined").c_str(), true);
     }
-    if (!peerHasChannel) {
-        // The accepted side closed while the connection was being made.
+    // Ends that came while the connection was being made are passed on now: a client that
+    // sent its request and shut down its side, or one that has gone and left bytes behind.
+    if (peer->afterJoin()) {
         newEndPoint->close();
         return;
     }
@@ -246,8 +238,10 @@ void TunnelStore::stopTunnels() {
 
 void TunnelStore::shutdown() {
     LOG4CXX_INFO(logger, "shutdown()");
-    closeTunnels();
+    // The services stop accepting first: while clients keep connecting, the map of tunnels
+    // would never be empty. Jobs the creator thread leaves undone close their end points.
     static_cast<ITunnelStore *>(this)->stopTunnels();
+    closeTunnels();
 }
 
 std::size_t TunnelStore::tunnelCount() const {

@@ -38,7 +38,8 @@ public:
     // that a connection still being made can finish), and waits until the services have left
     // the map. Live tunnels go on.
     void stopTunnels() override;
-    // Caller's thread: closeTunnels, then stopTunnels.
+    // Caller's thread: stopTunnels, then closeTunnels, so that no new tunnel comes in while
+    // the running ones are closed.
     void shutdown() override;
     // As startTunnel; `endpoint` is asked for the target anew on every connection.
     ITunnelService * startTunnel2(const char * localURI, const char * localOptions,
@@ -54,9 +55,10 @@ public:
     void removeTunnel(TunnelEndPoint * endPoint);
     // Makes and starts the creator thread on first use (again after stopTunnels).
     TunnelCreatorThread * getTunnelCreatorThread();
-    // Creator thread only; blocks on the outgoing connection. Builds the outgoing end point of
-    // `peer`'s tunnel and joins the pair. Every failure is an exception; the caller closes `peer`.
-    void connectEndpoints(TunnelEndPoint * peer, IChannelEndpoint * endpoint);
+    // Creator thread only; blocks on the outgoing connection to `uri`. Builds the outgoing end
+    // point of `peer`'s tunnel and joins the pair. Every failure is an exception; the caller
+    // closes `peer`.
+    void connectEndpoints(TunnelEndPoint * peer, const std::string & uri, const std::string & options);
 
     // Any thread; sizes of the two maps, for hosts and tests that wait for a store to drain.
     std::size_t tunnelCount() const;

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <functional>
@@ -304,7 +305,11 @@ TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
         if (ended == "closed by the host") {
             store->closeTunnels();
         } else {
-            close(ended == "closed by the client" ? client : server);
+            // The other side sees the end as a half-close and ends in its turn.
+            const bool clientCloses = ended == "closed by the client";
+            close(clientCloses ? client : server);
+            EXPECT_TRUE(seesEnd(clientCloses ? server : client));
+            close(clientCloses ? server : client);
         }
         EXPECT_TRUE(drained());
         const std::vector<std::string> texts = lines();
@@ -314,10 +319,8 @@ TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
                                  " on tcp://127.0.0.1:" + std::to_string(port) + " to " + target.uri() + " ended after ";
         EXPECT_EQ(line.rfind(head, 0), 0u) << line;
         EXPECT_NE(line.find(" s: 1000 bytes to the target, 250 bytes to the client, " + ended), std::string::npos) << line;
-        if (ended != "closed by the client") {
+        if (ended == "closed by the host") {
             close(client);
-        }
-        if (ended != "closed by the target") {
             close(server);
         }
     }
@@ -613,3 +616,146 @@ TEST_F(Tunnels, HangingTargetDelaysNoOtherConnectionAndShutdownAbandonsIt) {
 }
 
 }  // namespace
+
+namespace {
+
+// A target that answers whatever it got once its client has shut down its sending side,
+// the way an HTTP/1.0 server or `nc -N` peer does; then it ends too.
+void answerAfterTheEnd(int server, const std::string & reply) {
+    std::string request;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = recv(server, buffer, sizeof buffer, 0)) > 0) {
+        request.append(buffer, static_cast<std::size_t>(n));
+    }
+    EXPECT_EQ(n, 0) << "the client's half-close arrived as an end of stream";
+    EXPECT_TRUE(sendAll(server, reply + request));
+    close(server);
+}
+
+// Counts how many getEndpoint calls overlap and in which order the clients arrived.
+class SerialTargets : public net::IChannelEndpoint {
+public:
+    explicit SerialTargets(std::string uri) : m_uri(std::move(uri)) {}
+    void getEndpoint(std::string & uri, std::string & options) override {
+        if (m_inside.fetch_add(1) != 0) {
+            m_overlapped = true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        m_calls.fetch_add(1);
+        m_inside.fetch_sub(1);
+        uri = m_uri;
+        options.clear();
+    }
+    std::atomic<int> m_calls{0};
+    std::atomic<bool> m_overlapped{false};
+
+private:
+    const std::string m_uri;
+    std::atomic<int> m_inside{0};
+};
+
+}  // namespace
+
+// The bytes a tunnel holds when a side ends are delivered before the end is passed on; a
+// small ring makes sure most of them are still in the tunnel when the target closes.
+TEST_F(Tunnels, TargetThatSendsAndClosesAtOnceDeliversEverything) {
+    RawTarget target;
+    const unsigned short port = startTunnel(target.uri(), 4096);
+    const std::string data = pattern(3u << 20, 5);
+    for (int round = 0; round < 4; ++round) {
+        int client = connectTo(port);
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        std::thread sender([&] {
+            EXPECT_TRUE(sendAll(server, data));
+            close(server);
+        });
+        EXPECT_TRUE(recvExact(client, data.size()) == data) << "round " << round;
+        EXPECT_TRUE(seesEnd(client));
+        sender.join();
+        close(client);
+        EXPECT_TRUE(drained());
+    }
+}
+
+TEST_F(Tunnels, HalfClosingClientGetsItsWholeReply) {
+    RawTarget target;
+    const unsigned short port = startTunnel(target.uri(), 4096);
+    const std::string request = pattern(100000, 9);
+    const std::string reply = pattern(500000, 11);
+    for (int round = 0; round < 5; ++round) {
+        int client = connectTo(port);
+        ASSERT_TRUE(sendAll(client, request));
+        ASSERT_EQ(shutdown(client, SHUT_WR), 0);
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        std::thread answering(answerAfterTheEnd, server, reply);
+        const std::string got = recvExact(client, reply.size() + request.size());
+        EXPECT_TRUE(got == reply + request) << "round " << round << ": " << got.size() << " bytes";
+        EXPECT_TRUE(seesEnd(client));
+        answering.join();
+        close(client);
+        EXPECT_TRUE(drained());
+    }
+}
+
+// A tunnel without rings carries nothing, but still ends the target's connection as soon as
+// the client has gone.
+TEST_F(Tunnels, RingOfZeroSeesTheClientsEnd) {
+    RawTarget target;
+    const unsigned short port = startTunnel(target.uri(), 0);
+    int client = connectTo(port);
+    int server = target.acceptWithin();
+    ASSERT_GE(server, 0);
+    close(client);
+    EXPECT_TRUE(seesEnd(server));
+    close(server);
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, GetEndpointRunsOneAtATimeInOrderOfArrival) {
+    corvane_test::EchoServer echo;
+    Common::SmartPtr<SerialTargets> targets(new SerialTargets("tcp://127.0.0.1:" + std::to_string(echo.port())));
+    const unsigned short port = portOf(store->startTunnel2("tcp://127.0.0.1:0", nullptr, targets.get())->getLocalURI());
+    std::vector<int> clients;
+    for (int i = 0; i < 24; ++i) {
+        clients.push_back(connectTo(port));
+    }
+    EXPECT_TRUE(waitFor([&] { return targets->m_calls.load() == 24; }));
+    EXPECT_FALSE(targets->m_overlapped.load());
+    for (int client : clients) {
+        EXPECT_TRUE(sendAll(client, "x"));
+        EXPECT_EQ(recvExact(client, 1), "x");
+        close(client);
+    }
+    EXPECT_TRUE(drained());
+}
+
+TEST_F(Tunnels, ShutdownUnderAStreamOfConnectsReturnsWithinASecond) {
+    corvane_test::EchoServer echo;
+    const unsigned short port = startTunnel("tcp://127.0.0.1:" + std::to_string(echo.port()));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 3; ++t) {
+        clients.emplace_back([&] {
+            for (int i = 0; i < 5000 && !stop.load(); ++i) {
+                int fd = corvane_test::LoopbackConnect(port);
+                if (fd >= 0) {
+                    send(fd, "y", 1, MSG_NOSIGNAL);
+                    close(fd);
+                }
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const auto started = Clock::now();
+    store->shutdown();
+    const auto took = Clock::now() - started;
+    stop = true;
+    for (std::thread & client : clients) {
+        client.join();
+    }
+    EXPECT_LT(took, std::chrono::seconds(1));
+    EXPECT_EQ(store->tunnelCount(), 0u);
+}
