@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <sstream>
 
 #include "websocket/internalexception.h"
 
@@ -35,11 +34,16 @@ KeepAlive::Settings KeepAlive::FromOptions(const net::OptionMap & options) {
     return settings;
 }
 
-std::string KeepAlive::deadText(const std::string & description) const {
-    std::ostringstream text;
-    text << "no pong within PingTimeout=" << static_cast<double>(m_settings.timeout) / 1000.0
-         << " s after a ping on " << description << ": the peer is gone, the connection ends";
-    return text.str();
+KeepAlive::Due KeepAlive::next(std::uint64_t now, const log4cxx::LoggerPtr & log, const std::string & description) {
+    const Due due = check(now);
+    if (due == Due::Ping) {
+        pinged(now);
+    } else if (due == Due::Dead) {
+        LOG4CXX_WARN(log, "no pong within PingTimeout=" << static_cast<double>(m_settings.timeout) / 1000.0
+                                                        << " s after a ping on " << description
+                                                        << ": the peer is gone, the connection ends");
+    }
+    return due;
 }
 
 }  // namespace websocket

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/logging.h"
 #include "net/optionmap.h"
 
 namespace websocket {
@@ -52,8 +53,9 @@ public:
             m_unansweredSince = now;
         }
     }
-    // The WARN line's text for a peer that did not answer.
-    std::string deadText(const std::string & description) const;
+    // check, and what goes with its answer: on Ping the ping counts as sent (the caller
+    // sends it), on Dead the WARN line that names the channel and the seconds is written.
+    Due next(std::uint64_t now, const log4cxx::LoggerPtr & log, const std::string & description);
 
 private:
     Settings m_settings;

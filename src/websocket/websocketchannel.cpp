@@ -545,19 +545,10 @@ bool WebSocketChannel::dispatch(short events) {
 
 bool WebSocketChannel::keepAlive() {
     // Asked after the read of this dispatch: an answer that came with it counts.
-    const std::uint64_t now = Common::GetTickCount64();
-    switch (m_KeepAlive.check(now)) {
-    case KeepAlive::Due::Nothing:
-        return true;
-    case KeepAlive::Due::Dead:
-        LOG4CXX_WARN(m_log, m_KeepAlive.deadText(m_strDescription));
-        return false;
-    case KeepAlive::Due::Ping:
-        break;
+    const KeepAlive::Due due = m_KeepAlive.next(Common::GetTickCount64(), m_log, m_strDescription);
+    if (due != KeepAlive::Due::Ping) {
+        return due == KeepAlive::Due::Nothing;
     }
-    // A ping that waits behind unsent output still asks for an answer: a peer that reads
-    // nothing any more is as gone as one that answers nothing.
-    m_KeepAlive.pinged(now);
     return sendPing();
 }
 
@@ -567,7 +558,9 @@ bool WebSocketChannel::sendPing() {
         return false;
     }
     if (m_OutputBuffer.writeAvailable() <= kFrameHeaderReserve) {
-        // No room for the frame now; the next interval tries again.
+        // No room for the frame now; the next interval tries again. The ping counts as sent
+        // all the same: a peer that reads nothing any more is as gone as one that answers
+        // nothing.
         return true;
     }
     LOG4CXX_DEBUG(m_log, "ping[" << m_strDescription << "]");

@@ -300,17 +300,10 @@ bool WSChannel::keepAlive_i() {
     if (!m_bOpen || m_bClosing || !m_Connection) {
         return true;
     }
-    const std::uint64_t now = Common::GetTickCount64();
-    switch (m_KeepAlive.check(now)) {
-    case KeepAlive::Due::Nothing:
-        return true;
-    case KeepAlive::Due::Dead:
-        LOG4CXX_WARN(logger, m_KeepAlive.deadText(m_strDescription));
-        return false;
-    case KeepAlive::Due::Ping:
-        break;
+    const KeepAlive::Due due = m_KeepAlive.next(Common::GetTickCount64(), logger, m_strDescription);
+    if (due != KeepAlive::Due::Ping) {
+        return due == KeepAlive::Due::Nothing;
     }
-    m_KeepAlive.pinged(now);
     LOG4CXX_DEBUG(logger, "ping[" << m_strDescription << "]");
     // Refused only when the connection is no longer open: its end is near anyway.
     std::error_code ec;
