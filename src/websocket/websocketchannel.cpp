@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "common/logging.h"
+#include "common/timedelta.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
 #include "websocket/internalexception.h"
@@ -217,6 +218,8 @@ void WebSocketChannel::reportEnd(net::IChannelHandler * handler, bool error) {
 }
 
 bool WebSocketChannel::feedEngine(std::size_t n, net::IChannelHandler * handler) {
+    // Whatever the bytes are (a pong, data, a close frame), the peer is alive.
+    m_KeepAlive.heard(Common::GetTickCount64());
     try {
         std::size_t consumed;
         bool overflow;
@@ -424,6 +427,9 @@ void WebSocketChannel::setReactor(socketio::SelectReactor * reactor, const std::
         m_homeReactor = reactor;
     }
     m_nLastEventTime = now;
+    if (reactor != nullptr) {
+        m_KeepAlive.heard(now);
+    }
 }
 
 short WebSocketChannel::getEventMask() noexcept {
@@ -441,6 +447,18 @@ short WebSocketChannel::getEventMask() noexcept {
         }
         if (outputWaiting() || (m_ChannelHandler && m_ChannelHandler->hasPendingWrite())) {
             mask |= socketio::SELECT_EVENT_WRITE;
+        }
+        if (m_KeepAlive.enabled()) {
+            // Asked every cycle, so at least every selectTimeout: the clock check is all that
+            // happens here, under the reactor's lock; the ping goes out in the dispatch.
+            const std::uint64_t now = Common::GetTickCount64();
+            if ((mask & socketio::SELECT_EVENT_READ) == 0) {
+                // The channel holds back its reads for the handler: the peer's silence
+                // cannot be told from that, so it does not count.
+                m_KeepAlive.heard(now);
+            } else if (m_KeepAlive.check(now) != KeepAlive::Due::Nothing) {
+                mask |= socketio::SELECT_EVENT_PENDING;
+            }
         }
     } catch (...) {
         // The handler threw: the channel ends at the event that this asks for at once.
@@ -522,7 +540,38 @@ bool WebSocketChannel::dispatch(short events) {
             return false;
         }
     }
-    return true;
+    return keepAlive();
+}
+
+bool WebSocketChannel::keepAlive() {
+    // Asked after the read of this dispatch: an answer that came with it counts.
+    const KeepAlive::Due due = m_KeepAlive.next(Common::GetTickCount64(), m_log, m_strDescription);
+    if (due != KeepAlive::Due::Ping) {
+        return due == KeepAlive::Due::Nothing;
+    }
+    return sendPing();
+}
+
+bool WebSocketChannel::sendPing() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection || m_bEnded || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+        return false;
+    }
+    if (m_OutputBuffer.writeAvailable() <= kFrameHeaderReserve) {
+        // No room for the frame now; the next interval tries again. The ping counts as sent
+        // all the same: a peer that reads nothing any more is as gone as one that answers
+        // nothing.
+        return true;
+    }
+    LOG4CXX_DEBUG(m_log, "ping[" << m_strDescription << "]");
+    std::error_code ec;
+    // Refused only when the connection is no longer open (closing): its end is near anyway.
+    m_Connection->ping("", ec);
+    if (m_bOutputOverflow) {
+        LOG4CXX_ERROR(m_log, "ping[" << m_strDescription << "]: " << kOverflowText);
+        return false;
+    }
+    return flushWriteToSocket_i();
 }
 
 void WebSocketChannel::close() {

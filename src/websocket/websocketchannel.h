@@ -27,6 +27,7 @@
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketoptions.h"
+#include "websocket/keepalive.h"
 #include "websocket/loggerconfig.h"
 #include "websocket/messagebuffer.h"
 #include "websocket/ringbuf.h"
@@ -54,6 +55,9 @@ public:
     // Before the handler is set. True: a text message's payload is read like a binary one;
     // without it text is dropped, with one Warn line the first time.
     void setTextMessages(bool textMessages) { m_bTextMessages = textMessages; }
+    // Before the channel is subscribed: PingInterval and PingTimeout. The clock runs from the
+    // subscription on; the reactor's cycle drives it.
+    void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive.configure(settings); }
 
     const char * getLocalURI() const override { return m_strLocalURI.c_str(); }
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
@@ -126,6 +130,11 @@ private:
     bool onWebSocketPing(std::weak_ptr<void> hdl, std::string payload);
 
     bool dispatch(short events);
+    // The end of a dispatch: a ping after PingInterval of silence; false once PingTimeout has
+    // passed with no answer (the channel ends with the handler's onError).
+    bool keepAlive();
+    // m_SendMutex taken here; false when the engine's output failed.
+    bool sendPing();
     // After onEvents failed (or a handler threw): tells the handler, lets go of the engine.
     void endAfterEvent() noexcept;
     bool onReactorThread() const;
@@ -181,6 +190,7 @@ protected:
     std::string m_strHandshakeError;
     bool m_bTextMessages = false;
     bool m_bTextDropTold = false;  // reactor thread only
+    KeepAlive m_KeepAlive;  // reactor thread (caller's thread while opening)
     bool m_bEndReported;  // reactor thread
     bool m_bHandlerThrew;  // reactor thread
 };

@@ -41,6 +41,7 @@ net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying
                           static_cast<unsigned int>(m_SocketOptions.receiveBufferSize), m_bSecure, true));
         channel->takeNamesOf(underlying);
         channel->setMessageOptions(m_bTextMessages, m_AllowedOrigins);
+        channel->setKeepAlive(m_KeepAlive);
         // A server made without an acceptor refuses every connection.
         Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor ? m_Acceptor->accept(channel.get()) : nullptr);
         if (!handler) {

@@ -9,6 +9,7 @@
 
 #include "corvane/channel.h"
 #include "socketio/socketoptions.h"
+#include "websocket/keepalive.h"
 
 namespace websocket {
 
@@ -17,6 +18,8 @@ public:
     WebSocketChannelServer(net::IChannelAcceptor * acceptor, bool secure, const socketio::socket_options & options);
     // Before the server below starts: passed to each accepted channel (WSChannel::setMessageOptions).
     void setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins);
+    // Before the server below starts: PingInterval and PingTimeout of each accepted channel.
+    void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive = settings; }
 
     // After the server below has started; `uri` is what getLocalURI answers.
     void setServer(net::IChannelServer * server, const char * uri);
@@ -35,6 +38,7 @@ private:
     std::string m_strLocalURI;
     bool m_bTextMessages = false;
     std::vector<std::string> m_AllowedOrigins;
+    KeepAlive::Settings m_KeepAlive;
     Common::SmartPtr<net::IChannel> m_Handover;  // reactor thread only
 };
 

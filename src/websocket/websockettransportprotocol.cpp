@@ -70,6 +70,7 @@ net::IChannel * finishClient(WebSocketChannel * channel, net::IReactor * reactor
         net::OptionMap optionMap;
         optionMap.parse(options);
         channel->setTextMessages(textMessagesOf(optionMap));
+        channel->setKeepAlive(KeepAlive::FromOptions(optionMap));
         channel->openLogicalConnection(text(uri));
         channel->setChannelHandler(handler);
         auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(reactor);
@@ -103,6 +104,7 @@ net::IChannelServer * startServer(net::IChannelAcceptor * acceptor, bool secure,
         from = comma + 1;
     }
     webSocketServer->setMessageOptions(textMessagesOf(optionMap), std::move(origins));
+    webSocketServer->setKeepAlive(KeepAlive::FromOptions(optionMap));
     const std::string localUri = parsedUri.ToString();
     Common::SmartPtr<net::IChannelServer> server(start(localUri.c_str(), webSocketServer.get()));
     if (!server) {
@@ -147,6 +149,13 @@ net::IChannel * WebSocketTransportProtocol::openChannel2(net::IReactor * reactor
     Common::SmartPtr<WSChannel> channel(new WSChannel(static_cast<unsigned int>(m_socketOptions.sendBufferSize),
                                                       static_cast<unsigned int>(m_socketOptions.receiveBufferSize),
                                                       false, false));
+    {
+        // Before the channel below exists: its reactor thread reads them from then on.
+        net::OptionMap optionMap;
+        optionMap.parse(options);
+        channel->setMessageOptions(textMessagesOf(optionMap), {});
+        channel->setKeepAlive(KeepAlive::FromOptions(optionMap));
+    }
     Common::SmartPtr<net::IChannel> underlying;
     try {
         net::OptionMap optionMap;
@@ -161,9 +170,6 @@ net::IChannel * WebSocketTransportProtocol::openChannel2(net::IReactor * reactor
         throw InternalException(e.what());
     }
     try {
-        net::OptionMap optionMap;
-        optionMap.parse(options);
-        channel->setMessageOptions(textMessagesOf(optionMap), {});
         channel->open(underlying.get(), text(uri), 5000);
         channel->setChannelHandler(handler);
     } catch (...) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/logging.h"
+#include "common/timedelta.h"
 #include "corvane/uri.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "websocket/internalexception.h"
@@ -261,6 +262,9 @@ bool WSChannel::hasPendingWrite() {
     if (m_bClosing || !m_bOpen) {
         return false;
     }
+    if (keepAliveDue()) {
+        return true;
+    }
     Common::SmartPtr<net::IChannelHandler> current = handler();
     if (!current) {
         return false;
@@ -279,6 +283,34 @@ bool WSChannel::hasPendingWrite() {
     }
 }
 
+bool WSChannel::keepAliveDue() {
+    if (!m_KeepAlive.enabled()) {
+        return false;
+    }
+    const std::uint64_t now = Common::GetTickCount64();
+    if (!wantsRead()) {
+        // Nothing is read for the handler meanwhile: the peer's silence cannot be told from that.
+        m_KeepAlive.heard(now);
+        return false;
+    }
+    return m_KeepAlive.check(now) != KeepAlive::Due::Nothing;
+}
+
+bool WSChannel::keepAlive_i() {
+    if (!m_bOpen || m_bClosing || !m_Connection) {
+        return true;
+    }
+    const KeepAlive::Due due = m_KeepAlive.next(Common::GetTickCount64(), logger, m_strDescription);
+    if (due != KeepAlive::Due::Ping) {
+        return due == KeepAlive::Due::Nothing;
+    }
+    LOG4CXX_DEBUG(logger, "ping[" << m_strDescription << "]");
+    // Refused only when the connection is no longer open: its end is near anyway.
+    std::error_code ec;
+    m_Connection->ping("", ec);
+    return true;
+}
+
 void WSChannel::onRead(net::IReadDataStream * stream) {
     guarded("onRead", [&] { onRead_i(stream); });
 }
@@ -289,6 +321,10 @@ void WSChannel::onRead_i(net::IReadDataStream * stream) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         learnReactor_i();
         const int n = stream->recv(static_cast<int>(m_RecvBuffer.size()), &m_RecvBuffer[0]);
+        if (n > 0) {
+            // Whatever the bytes are (a pong, data, a close frame), the peer is alive.
+            m_KeepAlive.heard(Common::GetTickCount64());
+        }
         if (n < 1) {
             LOG4CXX_WARN(logger, "onRead[" << m_strDescription << "]: nRecv =  " << n);
         } else if (m_Connection) {
@@ -420,10 +456,13 @@ void WSChannel::onWrite(net::IWriteDataStream * stream) {
 void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
     LOG4CXX_TRACE(logger, "onWrite[" << m_strDescription << "]");
     bool drained = true;
+    bool alive;
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
         learnReactor_i();
-        while (m_nTotalBytesPending != 0) {
+        // Before the drain: a ping joins the queue behind what waits already.
+        alive = keepAlive_i();
+        while (alive && m_nTotalBytesPending != 0) {
             std::string & first = m_WriteBuffer.front();
             int n;
             try {
@@ -443,6 +482,10 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
             }
             m_WriteBuffer.erase(m_WriteBuffer.begin());
         }
+    }
+    if (!alive) {
+        endWithError("onWrite");
+        return;
     }
     if (drained) {
         deliver();
@@ -486,6 +529,10 @@ void WSChannel::guarded(const char * where, Body body) {
     } catch (...) {
         LOG4CXX_ERROR(logger, where << "[" << m_strDescription << "]: unknown exception caught");
     }
+    endWithError(where);
+}
+
+void WSChannel::endWithError(const char * where) {
     try {
         {
             std::lock_guard<std::mutex> lock(m_Mutex);

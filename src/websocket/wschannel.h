@@ -25,6 +25,7 @@
 #include "corvane/channel.h"
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
+#include "websocket/keepalive.h"
 #include "websocket/loggerconfig.h"
 #include "websocket/messagebuffer.h"
 
@@ -105,6 +106,9 @@ public:
     // server role: an upgrade whose Origin is not listed is answered 403; empty allows all,
     // and an upgrade without Origin is always allowed.
     void setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins);
+    // Before open or accept: PingInterval and PingTimeout. The write events of the channel
+    // below drive the clock: hasPendingWrite asks for one when a ping or the end is due.
+    void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive.configure(settings); }
     // Ends the engine's wait for input. Harmless when repeated.
     void terminateConnection();
 
@@ -147,6 +151,13 @@ public:
 private:
     void onRead_i(net::IReadDataStream * stream);
     void onWrite_i(net::IWriteDataStream * stream);
+    // Reactor thread, under the reactor's lock: whether a ping or the end is due (cheap).
+    bool keepAliveDue();
+    // Reactor thread, m_Mutex held: a ping after PingInterval of silence; false once
+    // PingTimeout has passed with no answer.
+    bool keepAlive_i();
+    // Ends this channel: the channel below is closed and the user's handler gets onError.
+    void endWithError(const char * where);
     // Runs a callback of the channel below; an exception ends this channel instead of
     // leaving the callback.
     template <typename Body>
@@ -193,6 +204,7 @@ private:
     MessageBuffer m_ReadBuffer;  // reactor thread only
     bool m_bTextMessages = false;
     bool m_bTextDropTold = false;  // reactor thread only
+    KeepAlive m_KeepAlive;         // reactor thread only
     std::vector<std::string> m_AllowedOrigins;
     std::atomic<unsigned int> m_nTotalBytesPending;
     std::vector<std::string> m_WriteBuffer;

@@ -57,6 +57,7 @@ public:
     ChildProcess & operator=(const ChildProcess &) = delete;
 
     bool running() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
     bool write(const std::string & text) {
         return m_input >= 0 && ::write(m_input, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     }

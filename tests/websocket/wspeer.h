@@ -63,6 +63,7 @@ public:
     PythonPeer & operator=(const PythonPeer &) = delete;
 
     unsigned short port() const { return m_port; }
+    pid_t pid() const { return m_pid; }
     std::string uri(const std::string & path = "/") const {
         return m_scheme + "://127.0.0.1:" + std::to_string(m_port) + path;
     }
@@ -71,6 +72,8 @@ private:
     void stop() {
         if (m_pid > 0) {
             kill(m_pid, SIGTERM);
+            // A test may have stopped the peer (SIGSTOP): it dies only once it runs again.
+            kill(m_pid, SIGCONT);
             waitpid(m_pid, nullptr, 0);
             m_pid = 0;
         }

@@ -17,6 +17,9 @@ until it is terminated. Modes:
   cut       reads the upgrade request, sends half a status line and closes
   silent    reads the upgrade request, never answers, closes after SECONDS
   flood     answers the upgrade by hand, then sends 125-byte pings without reading
+  pings     binary echo that counts the pings it answers; a message "count?" gets the count
+  pingclient URI: connects (wss without checking the certificate), answers pings and prints
+            "ping N" for each, then waits until the server ends the connection and prints "closed"
   client    connects to URI (wss without checking the certificate), sends BYTES of a pattern in
             messages of mixed sizes while reading the echo, prints "ok BYTES" when the echo is
             equal, then closes with 1000 and prints "closed CODE"
@@ -31,11 +34,14 @@ import sys
 from http import HTTPStatus
 
 import websockets
+from websockets.legacy.client import WebSocketClientProtocol
+from websockets.legacy.server import WebSocketServerProtocol
 
 MODE = sys.argv[1]
-SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 and MODE != "client" else 0.0
+CLIENT = MODE in ("client", "pingclient")
+SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 and not CLIENT else 0.0
 TLS = None
-if len(sys.argv) > 4 and MODE != "client":
+if len(sys.argv) > 4 and not CLIENT:
     TLS = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     TLS.load_cert_chain(sys.argv[3], sys.argv[4])
 
@@ -51,6 +57,24 @@ async def drain(ws):
 async def echo(ws, path):
     async for message in ws:
         await ws.send(message)
+
+
+def counting(base, each=None):
+    """The protocol class `base` counting the pings it answers (the library answers them)."""
+    class Counting(base):
+        pings_answered = 0
+
+        async def pong(self, data=b""):
+            self.pings_answered += 1
+            if each:
+                each(self.pings_answered)
+            await super().pong(data)
+    return Counting
+
+
+async def pings(ws, path):
+    async for message in ws:
+        await ws.send(str(ws.pings_answered).encode() if message == b"count?" else message)
 
 
 async def headers(ws, path):
@@ -169,12 +193,28 @@ def serve_by_hand(each, receive_buffer=None):
         conn.close()
 
 
+def client_tls(uri):
+    if not uri.startswith("wss:"):
+        return None
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    return context
+
+
+async def pingclient(uri):
+    protocol = counting(WebSocketClientProtocol, lambda n: print("ping", n, flush=True))
+    async with websockets.connect(uri, ssl=client_tls(uri), ping_interval=None, create_protocol=protocol) as ws:
+        print("open", flush=True)
+        try:
+            await drain(ws)
+        except websockets.ConnectionClosed:
+            pass
+    print("closed", flush=True)
+
+
 async def client(uri, count):
-    context = None
-    if uri.startswith("wss:"):
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-        context.check_hostname = False
-        context.verify_mode = ssl.CERT_NONE
+    context = client_tls(uri)
     data = bytes((i * 7 + (i >> 9)) & 255 for i in range(count))
     sizes = [1, 125, 126, 65535, 65536, 70000, 3]
     async with websockets.connect(uri, ssl=context, max_size=None, ping_interval=None) as ws:
@@ -199,9 +239,11 @@ async def client(uri, count):
 
 async def main():
     handlers = {"echo": echo, "headers": headers, "ping": ping, "close": close, "frames": frames, "drop": drop,
-                "reject": echo, "reset": reset}
+                "reject": echo, "reset": reset, "pings": pings}
     if MODE in handlers:
         extra = {"process_request": refuse} if MODE == "reject" else {}
+        if MODE == "pings":
+            extra = {"create_protocol": counting(WebSocketServerProtocol)}
         interval = SECONDS if MODE == "echo" and SECONDS > 0 else None
         server = await websockets.serve(handlers[MODE], "127.0.0.1", 0, max_size=None, ping_interval=interval,
                                         ping_timeout=None, ssl=TLS, **extra)
@@ -230,5 +272,7 @@ if __name__ == "__main__":
         serve_by_hand(answer_upgrade)
     elif MODE == "client":
         asyncio.run(client(sys.argv[2], int(sys.argv[3])))
+    elif MODE == "pingclient":
+        asyncio.run(pingclient(sys.argv[2]))
     else:
         asyncio.run(main())
