@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 const char * const kPingOptions = "PingInterval=1;PingTimeout=1";
 // Interval + timeout + 1 s.
+// Interval + timeout, and a second for reactor cycles on a loaded machine (sanitizer builds).
 const auto kDetectionLimit = std::chrono::milliseconds(3000);
 
 corvane_test::Material & material() {
@@ -55,9 +56,11 @@ protected:
 };
 
 // Queues `text` and waits for `handler` to have received `expected` in all.
-bool exchange(corvane_test::RecordingHandler * handler, const std::string & text, const std::string & expected) {
+// The peer's answer to `text`, once one has come (empty after 3 s).
+std::string exchange(corvane_test::RecordingHandler * handler, const std::string & text) {
     handler->queue(text);
-    return waitFor([&] { return handler->received() == expected; }, 3000);
+    waitFor([&] { return !handler->received().empty(); }, 3000);
+    return handler->received();
 }
 
 TEST_P(KeepAliveTest, ClientPingsAtTheIntervalAndEndsWhenTheStoppedPeerDoesNotAnswer) {
@@ -75,7 +78,9 @@ TEST_P(KeepAliveTest, ClientPingsAtTheIntervalAndEndsWhenTheStoppedPeerDoesNotAn
     // Three intervals of silence: a ping each, each answered, and the connection stays.
     std::this_thread::sleep_for(std::chrono::milliseconds(3500));
     EXPECT_FALSE(handler->ended());
-    ASSERT_TRUE(exchange(handler.get(), "count?", "3"));
+    // About one a second: 3, give or take the cycle on a loaded machine.
+    const std::string pings = exchange(handler.get(), "count?");
+    ASSERT_TRUE(pings == "2" || pings == "3" || pings == "4") << pings;
 
     kill(peer->pid(), SIGSTOP);
     const auto stopped = Clock::now();
