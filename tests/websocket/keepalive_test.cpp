@@ -27,14 +27,10 @@ using corvane_test::waitFor;
 using Clock = std::chrono::steady_clock;
 
 const char * const kPingOptions = "PingInterval=1;PingTimeout=1";
-// Interval + timeout + 1 s.
 // Interval + timeout, and a second for reactor cycles on a loaded machine (sanitizer builds).
 const auto kDetectionLimit = std::chrono::milliseconds(3000);
 
-corvane_test::Material & material() {
-    static corvane_test::Material instance;
-    return instance;
-}
+using corvane_test::material;
 
 enum class Client { Ws, Wss, Layered };
 
