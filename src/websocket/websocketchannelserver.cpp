@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "common/handover.h"
 #include "common/logging.h"
 #include "websocket/wschannel.h"
 
@@ -50,10 +51,9 @@ net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying
         }
         channel->accept(underlying);
         channel->setChannelHandler(handler.get());
-        // The pointer returned carries no count: the channel is held until the next accept,
-        // so that an acceptor that kept no reference does not leave the server below with a
-        // dangling handler. The server below takes its own reference at once.
-        m_Handover = channel.get();
+        // The pointer returned carries no count: this thread keeps the channel until the server
+        // below has taken it, as openChannel does for its caller.
+        Common::KeepForCaller(channel.get());
         return channel.get();
     } catch (const std::exception & e) {
         LOG4CXX_ERROR(logger, "accept failed due to exception: '" << e.what());

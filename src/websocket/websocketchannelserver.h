@@ -39,7 +39,6 @@ private:
     bool m_bTextMessages = false;
     std::vector<std::string> m_AllowedOrigins;
     KeepAlive::Settings m_KeepAlive;
-    Common::SmartPtr<net::IChannel> m_Handover;  // reactor thread only
 };
 
 }  // namespace websocket

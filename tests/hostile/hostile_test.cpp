@@ -4,7 +4,6 @@
 // host gets a clear exception or a channel that stays alive until it lets go and ends with one
 // onClose/onError, the server keeps serving, and descriptors come back to where they were.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -21,7 +20,6 @@
 #include "sockets.h"
 #include "testacceptor.h"
 #include "../tls/tlsmaterial.h"
-#include "socketio/iselecteventsubscriber.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
 #include "websocket/websockettransportprotocol.h"
@@ -275,52 +273,6 @@ TEST_F(Hostile, ServerClosedInsideAcceptKeepsAcceptedChannel) {
         client->close();
         acceptor->makeHandler = nullptr;
     }
-}
-
-// A host thread sends while the reactor ends the channel: once the number is closed, it may be
-// handed out again at once (here to socket pairs), and the host's send must never reach it.
-TEST_F(Hostile, HostThreadSendNeverReachesReusedNumber) {
-    unsigned short port = 0;
-    int listener = corvane_test::LoopbackListen(port);
-    for (int round = 0; round < 50; ++round) {
-        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-        const std::string uri = "tcp://127.0.0.1:" + std::to_string(port);
-        Common::SmartPtr<net::IChannel> channel(
-            factory->openChannel(reactor.get(), uri.c_str(), handler.get(), "EnableProxy=false"));
-        int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        std::atomic<bool> stop{false};
-        std::thread sender([&] {
-            const char byte = 'h';
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-            while (!stop.load() && std::chrono::steady_clock::now() < deadline) {
-                channel->getWriteDataStream()->send(1, &byte);
-            }
-        });
-        int number;
-        {
-            socketio::SelectReactor::ForeignThreadGuard guard(reactor.get());
-            number = static_cast<int>(dynamic_cast<socketio::ISelectEventSubscriber *>(channel.get())->getSocket());
-        }
-        resetAndClose(peer);
-        ASSERT_TRUE(waitFor([&] { return handler->ended() && fcntl(number, F_GETFD) < 0; }));
-        // Socket pairs take the lowest free numbers, the channel's old one among them.
-        int pairs[8][2];
-        for (auto & p : pairs) {
-            ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, p));
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        stop = true;
-        sender.join();
-        for (auto & p : pairs) {
-            char byte;
-            EXPECT_EQ(-1, recv(p[0], &byte, 1, 0)) << "a send reached descriptor " << p[1];
-            EXPECT_EQ(-1, recv(p[1], &byte, 1, 0)) << "a send reached descriptor " << p[0];
-            close(p[0]);
-            close(p[1]);
-        }
-        channel->close();
-    }
-    close(listener);
 }
 
 TEST(HostileSocket, PeerResetRightAfterConnectNamesTheSystemCause) {

@@ -242,20 +242,6 @@ TEST_F(TcpTransport, SilentChannelIsSweptWithOnError) {
     channel->close();
 }
 
-TEST_F(TcpTransport, PeerVanishingDuringALargeWriteLeavesTheHostAlive) {
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    std::string uri;
-    {
-        corvane_test::EchoServer peer(true);
-        uri = "tcp://127.0.0.1:" + std::to_string(peer.port());
-        Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-        client->queue(pattern(32 << 20));
-        ASSERT_TRUE(waitFor([&] { return client->writes.load() >= 1; }));
-    }  // the peer goes away while the channel still writes
-    ASSERT_TRUE(waitFor([&] { return client->ended(); }));
-    EXPECT_EQ(client->errors.load() + client->closes.load(), 1);
-}
-
 // At the descriptor limit a listening socket stays readable while accept fails: the server must
 // neither spin nor flood the log, and must serve again once descriptors are free.
 TEST_F(TcpTransport, DescriptorLimitOnAcceptCostsNoBusyLoopAndServesAgainAfterwards) {

@@ -263,27 +263,6 @@ TEST_F(TlsTransport, ServerAsksForClientCertificatesAndRefusesOnesThatDoNotVerif
     server->close();
 }
 
-TEST_F(TlsTransport, PlainTcpPeersEndTheHandshakeWithCloseOrError) {
-    corvane_test::LogCapture log("DEBUG");
-    acceptor->makeHandler = [] { return new RecordingHandler; };
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    const unsigned short port = portOf(server->getLocalURI());
-    close(corvane_test::LoopbackConnect(port));
-    ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }));
-    EXPECT_EQ(acceptor->handlers[0]->closes.load(), 1);
-    EXPECT_EQ(log.countContaining("corvane.ssl.SSLChannel",
-                                  "' failed because the socket was closed before the handshake could complete"),
-              1u);
-    int fd = corvane_test::LoopbackConnect(port);
-    const char request[] = "GET / HTTP/1.0\r\n\r\n";
-    send(fd, request, sizeof request - 1, MSG_NOSIGNAL);
-    ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 2 && acceptor->handlers[1]->ended(); }));
-    EXPECT_EQ(acceptor->handlers[1]->errors.load(), 1);
-    EXPECT_EQ(acceptor->handlers[0]->reads + acceptor->handlers[1]->reads, 0);
-    close(fd);
-    server->close();
-}
-
 TEST_F(TlsTransport, RecordSplitAcrossSegmentsAndCloseNotifyFromThePeer) {
     std::vector<int> received;  // recv results, reactor thread only
     acceptor->makeHandler = [&] {
@@ -369,26 +348,6 @@ TEST_F(TlsTransport, FailedStartsAndOpensLeaveNoSocketNoSubscriberAndNoPortBehin
                   .find("https://127.0.0.1:443"),
               std::string::npos);
     EXPECT_EQ(client->refCount(), 1);
-}
-
-TEST_F(TlsTransport, PeerVanishingDuringALargeWriteLeavesTheHostAlive) {
-    // Nothing here ignores SIGPIPE: a write to the vanished peer would end the test binary.
-    OpenSSLServer peer(material().serverCert);
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    const std::string data = pattern(1 << 20);
-    std::atomic<long> sent{0};
-    client->alwaysWantWrite = true;
-    client->onWriteHook = [&](net::IWriteDataStream * stream) {
-        int n = stream->send(static_cast<int>(data.size()), data.data());
-        sent += n > 0 ? n : 0;
-        return n;
-    };
-    Common::SmartPtr<net::IChannel> channel = open(peer.uri(), client.get());
-    ASSERT_TRUE(waitFor([&] { return sent.load() > (1 << 20); }));
-    peer.process->stop(SIGKILL);
-    ASSERT_TRUE(waitFor([&] { return client->ended(); }));
-    EXPECT_EQ(client->errors.load() + client->closes.load(), 1);
-    channel->close();
 }
 
 // A host thread sends while the reactor reads the echo, and the owner closes the channel while
@@ -588,26 +547,6 @@ TEST_F(TlsTransport, SweepClosedSocketGetsNoCloseNotify) {
     for (const auto & taker : takers) {
         EXPECT_TRUE(taker->untouched()) << "TLS bytes went into descriptor " << taker->taken;
     }
-}
-
-// A one-shot server: its acceptor closes it from inside accept. The connection accepted in
-// that same call lives on and is served; no further one is accepted.
-TEST_F(TlsTransport, ServerClosedInsideAcceptKeepsAcceptedChannel) {
-    std::atomic<net::IChannelServer *> oneShot{nullptr};
-    acceptor->makeHandler = [&oneShot] {
-        oneShot.load()->close();
-        return new corvane_test::EchoHandler;
-    };
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    oneShot = server.get();
-    const unsigned short port = portOf(server->getLocalURI());
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    Common::SmartPtr<net::IChannel> channel = open("ssl://localhost:" + std::to_string(port), client.get());
-    client->queue("only one\n");
-    EXPECT_TRUE(waitFor([&] { return client->received() == "only one\n"; }));
-    EXPECT_EQ(corvane_test::LoopbackConnect(port), -1);
-    channel->close();
-    EXPECT_TRUE(waitFor([&] { return acceptor->handlers[0]->ended(); }));
 }
 
 // The acceptor closes the channel it is offered, and a descriptor it opens next takes the

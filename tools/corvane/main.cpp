@@ -84,7 +84,7 @@ std::string oneLine(std::string text) {
 
 // The options of one command, for getopt_long: each global option is also taken after the
 // command, so that "serve URI --log-level INFO" works as users expect.
-struct CommandSpec {
+struct CommandOptions {
     const char * name;
     std::vector<option> options;  // the command's own, without the terminating entry
 };
@@ -198,7 +198,7 @@ int main(int argc, char ** argv) {
         }
         const std::string command = args[commandIndex];
         const std::vector<std::string> after(args.begin() + static_cast<long>(commandIndex) + 1, args.end());
-        const std::vector<CommandSpec> specs = {
+        const std::vector<CommandOptions> optionsOf = {
             {"info", {}},
             {"version", {}},
             {"proxy-info", {}},
@@ -213,17 +213,17 @@ int main(int argc, char ** argv) {
               {"buffer-size", required_argument, nullptr, 0}}},
             {"run", {{"check", no_argument, nullptr, 0}}},
         };
-        const CommandSpec * spec = nullptr;
-        for (const CommandSpec & candidate : specs) {
+        const CommandOptions * known = nullptr;
+        for (const CommandOptions & candidate : optionsOf) {
             if (command == candidate.name) {
-                spec = &candidate;
+                known = &candidate;
             }
         }
-        if (spec == nullptr) {
+        if (known == nullptr) {
             throw cli::UsageError("unknown command '" + command + "'");
         }
         std::vector<std::string> rest;
-        parseOptions(command, after, spec->options, false, globals, rest);
+        parseOptions(command, after, known->options, false, globals, rest);
         if (globals.modulePath.empty()) {
             globals.modulePath = cli::defaultModulePath();
         }
