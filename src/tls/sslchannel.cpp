@@ -41,6 +41,7 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
       m_readEnded(false),
       m_handshakeDone(handshakeDone),
       m_endPending(false),
+      m_closeNotifyPending(false),
       m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE),
       m_handlerFailed(false) {
     int fd = static_cast<int>(socket);
@@ -105,8 +106,10 @@ short SSLChannel::getEventMask() noexcept {
     int pending;
     bool endPending;
     bool readEnded;
+    bool closeNotifyPending;
     {
         Common::ScopedLock guard(&m_lock);
+        closeNotifyPending = m_closeNotifyPending;
         handler = m_handler;
         readInterest = m_readInterest;
         handshakeDone = m_handshakeDone;
@@ -137,7 +140,7 @@ short SSLChannel::getEventMask() noexcept {
                 mask |= socketio::SELECT_EVENT_PENDING;
             }
         }
-        if (handler->hasPendingWrite()) {
+        if (closeNotifyPending || handler->hasPendingWrite()) {
             mask |= socketio::SELECT_EVENT_WRITE;
         }
     } catch (...) {
@@ -283,6 +286,12 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
         }
     }
     if ((events & socketio::SELECT_EVENT_WRITE) != 0) {
+        {
+            Common::ScopedLock guard(&m_lock);
+            if (m_closeNotifyPending && m_ssl != nullptr && m_socket != socketio::INVALID_SOCKET_HANDLE) {
+                sendCloseNotify_i();
+            }
+        }
         handler->onWrite(this);
     }
     return true;
@@ -464,13 +473,18 @@ bool SSLChannel::shutdownWrite() {
     // the peer at the close that follows: an ended direction is delivered whole.
     struct linger orderly{0, 0};
     ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    sendCloseNotify_i();
+    return true;
+}
+
+void SSLChannel::sendCloseNotify_i() {
     ERR_clear_error();
-    // 0: sent, the peer's close_notify not yet seen; 1: both sent. A socket that cannot take
-    // the alert now leaves it to the close, which sends it again.
+    // 0: sent, the peer's close_notify not yet seen; 1: both sent; below 0 with WANT_WRITE:
+    // the socket is full and OpenSSL keeps the rest of the alert for the next call.
     const int result = SSL_shutdown(m_ssl);
     LOG4CXX_TRACE(logger, "shutdownWrite: SSL_shutdown( ssl ) = " << result);
+    m_closeNotifyPending = result < 0 && SSL_get_error(m_ssl, result) == SSL_ERROR_WANT_WRITE;
     ERR_clear_error();
-    return true;
 }
 
 void SSLChannel::terminateConnection() {

@@ -96,6 +96,8 @@ private:
     // On the reactor thread or under the home reactor's lock as well, so that the socket
     // cannot be closed meanwhile.
     void terminateConnection_i();
+    // m_lock held, handshake done, socket open: sends (the rest of) the close_notify.
+    void sendCloseNotify_i();
     // Reactor thread: the handler's part of an event, which may throw.
     bool dispatch(net::IChannelHandler * handler, short events);
 
@@ -123,6 +125,9 @@ private:
     // recv met the peer's end or a failure after bytes it delivered: the next cycle's peek
     // reports it, even with a silent socket.
     bool m_endPending;                         // GUARDED_BY(m_lock)
+    // shutdownWrite met a full socket: the close_notify goes out at the next write event, or
+    // the peer, waiting for it to answer, would wait for ever.
+    bool m_closeNotifyPending;                 // GUARDED_BY(m_lock)
     short m_handshakeEvents;                   // reactor thread only
     // The handler threw while the reactor asked for its mask: the next event ends the channel.
     bool m_handlerFailed;                      // reactor thread only

@@ -433,6 +433,9 @@ void WebSocketChannel::setReactor(socketio::SelectReactor * reactor, const std::
 }
 
 short WebSocketChannel::getEventMask() noexcept {
+    if (m_bLingering) {
+        return socketio::SELECT_EVENT_WRITE;
+    }
     short mask = 0;
     try {
         if (!m_ReadMessageBuffer.empty()) {
@@ -470,6 +473,9 @@ short WebSocketChannel::getEventMask() noexcept {
 
 bool WebSocketChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
     m_nLastEventTime = now;
+    if (m_bLingering) {
+        return onLingeringEvents();
+    }
     try {
         if (m_bHandlerThrew) {
             LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: exception caught in getEventMask");
@@ -574,8 +580,67 @@ bool WebSocketChannel::sendPing() {
     return flushWriteToSocket_i();
 }
 
+bool WebSocketChannel::shutdownWrite() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection || m_bEnded || m_bOutputOverflow || m_hSocket == socketio::INVALID_SOCKET_HANDLE ||
+        m_Connection->get_state() != websocketpp::session::state::open) {
+        return false;
+    }
+    std::error_code ec;
+    m_Connection->close(websocketpp::close::status::normal, "close", ec);
+    if (ec || m_bOutputOverflow) {
+        return false;
+    }
+    m_bOrderlyEnd = true;
+    // The abortive linger of the socket options would drop what the kernel still holds for
+    // the peer at the close that follows.
+    struct linger orderly{0, 0};
+    ::setsockopt(static_cast<int>(m_hSocket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    // A failure shows at the next event.
+    flushWriteToSocket_i();
+    return true;
+}
+
+bool WebSocketChannel::lingerForOutput() {
+    if (!onReactorThread() || !m_Reactor) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> guard(m_SendMutex);
+        if (!m_bOrderlyEnd || m_bEnded || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+            return false;
+        }
+    }
+    if (!flushWriteToSocket() || !outputWaiting()) {
+        return false;
+    }
+    LOG4CXX_DEBUG(m_log, "close[" << m_strDescription << "]: the output goes out first");
+    m_ChannelHandler = nullptr;
+    m_pReadInterest = nullptr;
+    m_bLingering = true;
+    return true;
+}
+
+bool WebSocketChannel::onLingeringEvents() noexcept {
+    try {
+        if (flushWriteToSocket() && outputWaiting()) {
+            return true;
+        }
+        endEngineInput();
+    } catch (...) {
+        LOG4CXX_DEBUG(m_log, "onEvents[" << m_strDescription << "]: the output that followed close() was lost");
+    }
+    markEnded();
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    releaseTransport_i();
+    return false;
+}
+
 void WebSocketChannel::close() {
     LOG4CXX_INFO(m_log, "close[" << m_strDescription << "]()");
+    if (m_bLingering || lingerForOutput()) {
+        return;
+    }
     Common::SmartPtr<socketio::SelectReactor> registeredWith;
     {
         socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
@@ -592,7 +657,10 @@ void WebSocketChannel::close() {
             bool overflow;
             {
                 std::lock_guard<std::mutex> guard(m_SendMutex);
-                m_Connection->close(websocketpp::close::status::normal, "close");
+                // After shutdownWrite the close frame is out already.
+                if (!m_bOrderlyEnd) {
+                    m_Connection->close(websocketpp::close::status::normal, "close");
+                }
                 overflow = m_bOutputOverflow;
             }
             if (overflow) {

@@ -23,6 +23,7 @@
 #include <websocketpp/client.hpp>
 
 #include "corvane/channel.h"
+#include "socketio/halfclose.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
@@ -38,7 +39,10 @@ using ClientConfig = LoggerConfig<websocketpp::config::core>;
 using Client = websocketpp::client<ClientConfig>;
 using OutputRing = tools::basic_ringbuf<char, std::char_traits<char>>;
 
-class WebSocketChannel : public net::IChannel, public socketio::ISelectEventSubscriber, private net::IWriteDataStream {
+class WebSocketChannel : public net::IChannel,
+                         public socketio::ISelectEventSubscriber,
+                         public socketio::IHalfClose,
+                         private net::IWriteDataStream {
 public:
     // Takes a connected socket. The output ring holds options.receiveBufferSize bytes (the
     // receive size on purpose; the send size is only logged); so does one read.
@@ -58,6 +62,10 @@ public:
     // Before the channel is subscribed: PingInterval and PingTimeout. The clock runs from the
     // subscription on; the reactor's cycle drives it.
     void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive.configure(settings); }
+    // Reactor thread: the close frame follows what was sent so far, and a close() from then on
+    // lets that output reach the peer before the socket closes (the engine reads no data after
+    // its close frame, so both directions end with the peer's answer).
+    bool shutdownWrite() override;
 
     const char * getLocalURI() const override { return m_strLocalURI.c_str(); }
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
@@ -95,6 +103,11 @@ protected:
     // The read path: takes bytes from below and hands them to feedEngine. True while the
     // channel goes on living.
     virtual bool readDataFromSocketToWebSocket();
+    // close() on the reactor thread after shutdownWrite, with output left: true when the
+    // channel stays subscribed until that output is out.
+    bool lingerForOutput();
+    // The events of a lingering channel: false once its output is out (or lost).
+    bool onLingeringEvents() noexcept;
     // Drains m_OutputBuffer; the bytes sent, or -1. m_SendMutex held.
     virtual int sendOutput_i();
     virtual const char * senderName() const { return "socket_send"; }
@@ -192,6 +205,11 @@ protected:
     bool m_bTextDropTold = false;  // reactor thread only
     KeepAlive m_KeepAlive;  // reactor thread (caller's thread while opening)
     bool m_bEndReported;  // reactor thread
+    // shutdownWrite sent the close frame: the end is orderly, what is queued goes out.
+    bool m_bOrderlyEnd = false;  // GUARDED_BY(m_SendMutex)
+    // close() on the reactor thread found output the socket could not take yet: the channel
+    // stays subscribed, without a handler, until that output is out.
+    bool m_bLingering = false;  // reactor thread
     bool m_bHandlerThrew;  // reactor thread
 };
 

@@ -148,6 +148,29 @@ void WSChannel::accept(net::IChannel * underlying) {
     });
 }
 
+bool WSChannel::shutdownWrite() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_Connection || !m_bOpen || m_bClosing || !m_UnderlyingChannel ||
+        m_Connection->get_state() != websocketpp::session::state::open) {
+        return false;
+    }
+    std::error_code ec;
+    m_Connection->close(websocketpp::close::status::normal, "close", ec);
+    if (ec) {
+        return false;
+    }
+    m_bClosing = true;
+    m_bOrderlyEnd = true;
+    return true;
+}
+
+void WSChannel::endInOrder_i() {
+    if (auto * below = dynamic_cast<socketio::IHalfClose *>(m_UnderlyingChannel.get())) {
+        below->shutdownWrite();
+    }
+    terminateConnection_i();
+}
+
 void WSChannel::terminateConnection() {
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
@@ -158,6 +181,8 @@ void WSChannel::terminateConnection() {
 
 void WSChannel::terminateConnection_i() {
     LOG4CXX_TRACE(logger, "terminateConnection[" << m_strDescription);
+    // The channel below ended, or the owner closes: what waits for the handler is lost.
+    endAfterReader_i();
     if (!m_Connection) {
         return;
     }
@@ -244,6 +269,12 @@ void WSChannel::learnReactor_i() {
 }
 
 bool WSChannel::wantsRead() {
+    // Messages wait for the handler: the channel below is not read meanwhile, so that the
+    // peer's close frame cannot overtake the data that came before it.
+    return m_ReadBuffer.empty() && handlerWantsRead();
+}
+
+bool WSChannel::handlerWantsRead() {
     Common::SmartPtr<net::IChannelHandler> current = handler();
     auto * interest = dynamic_cast<socketio::IReadInterest *>(current.get());
     try {
@@ -259,6 +290,11 @@ bool WSChannel::hasPendingWrite() {
     if (m_nTotalBytesPending != 0) {
         return true;
     }
+    // Messages the handler did not take yet, also after the peer's close: a write event
+    // brings them to it again, as the peer may send nothing more that would.
+    if (!m_ReadBuffer.empty() && handlerWantsRead()) {
+        return true;
+    }
     if (m_bClosing || !m_bOpen) {
         return false;
     }
@@ -268,11 +304,6 @@ bool WSChannel::hasPendingWrite() {
     Common::SmartPtr<net::IChannelHandler> current = handler();
     if (!current) {
         return false;
-    }
-    // Messages the handler did not take yet: a write event brings them to it again, as the
-    // peer may send nothing more that would.
-    if (!m_ReadBuffer.empty() && wantsRead()) {
-        return true;
     }
     try {
         return current->hasPendingWrite();
@@ -349,6 +380,24 @@ void WSChannel::deliver() {
         // Stops when a call takes nothing: the rest waits for the handler's next write event.
         m_ReadBuffer.deliverTo(current.get());
     }
+    if (m_bEndAfterReader && m_ReadBuffer.empty()) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        endAfterReader_i();
+    }
+}
+
+void WSChannel::endAfterReader_i() {
+    if (!m_bEndAfterReader) {
+        return;
+    }
+    m_bEndAfterReader = false;
+    {
+        std::lock_guard<std::mutex> handlerLock(m_HandlerMutex);
+        m_EndedHandler = std::move(m_ChannelHandler);
+        m_ChannelHandler = nullptr;
+    }
+    m_ClosingChannel = std::move(m_UnderlyingChannel);
+    m_UnderlyingChannel = nullptr;
 }
 
 int WSChannel::recv(int length, void * buffer) {
@@ -482,6 +531,10 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
             }
             m_WriteBuffer.erase(m_WriteBuffer.begin());
         }
+        if (m_bLingering && drained) {
+            m_bLingering = false;
+            endInOrder_i();
+        }
     }
     if (!alive) {
         endWithError("onWrite");
@@ -575,7 +628,7 @@ void WSChannel::onWebSocketFail(std::weak_ptr<void> hdl) {
 void WSChannel::onWebSocketClose(std::weak_ptr<void> hdl) {
     m_bOpen = false;
     Common::SmartPtr<net::IChannelHandler> local;
-    {
+    if (!m_bEndAfterReader) {
         std::lock_guard<std::mutex> lock(m_HandlerMutex);
         local = std::move(m_ChannelHandler);
         m_ChannelHandler = nullptr;
@@ -597,16 +650,21 @@ void WSChannel::onWebSocketClose(std::weak_ptr<void> hdl) {
         LOG4CXX_WARN(logger, "onWebSocketClose[" << m_strDescription << "](): (" << code << ") "
                                                  << websocketpp::close::status::get_string(code) << ": " << reason);
     }
-    // Told once the lock is let go, so that the handler may close this channel.
+    // Told once the lock is let go, so that the handler may close this channel; after the
+    // messages that came before the close, when some still wait (see deliver).
+    m_bEndedWithError = !normal;
     if (local) {
         m_EndedHandler = std::move(local);
-        m_bEndedWithError = !normal;
     }
 }
 
 std::error_code WSChannel::onWebSocketShutdown(std::weak_ptr<void>) {
     LOG4CXX_TRACE(logger, "onWebSocketShutdown[" << m_strDescription << "]");
-    if (m_UnderlyingChannel) {
+    if (!m_ReadBuffer.empty() && handler()) {
+        // Messages that came before the close still wait for the handler: the channel below
+        // stays, its write events bring them; the end follows them (endAfterReader_i).
+        m_bEndAfterReader = true;
+    } else if (m_UnderlyingChannel) {
         // Closed once the lock is let go: closing it from a host thread waits for the
         // reactor, which may be waiting for this channel's lock.
         m_ClosingChannel = std::move(m_UnderlyingChannel);
@@ -658,9 +716,19 @@ void WSChannel::close() {
         try {
             // A connection that has ended already has nobody to answer a close frame.
             const bool answerExpected = m_Connection && m_bOpen;
-            if (m_Connection) {
+            // After shutdownWrite the close frame is out already.
+            if (m_Connection && !m_bOrderlyEnd) {
                 m_Connection->close(websocketpp::close::status::normal, "close");
                 m_bClosing = true;
+            }
+            if (m_bOrderlyEnd && m_bOpen && std::this_thread::get_id() == m_ReactorThread.load()) {
+                // Handed over to onWrite, which ends the channel below once the output is out.
+                m_bLingering = m_nTotalBytesPending != 0;
+                if (m_bLingering) {
+                    LOG4CXX_DEBUG(logger, "close[" << m_strDescription << "]: the output goes out first");
+                } else {
+                    endInOrder_i();
+                }
             }
             // On the reactor thread the answer could never arrive during the wait.
             if (answerExpected && std::this_thread::get_id() != m_ReactorThread.load() &&
@@ -668,7 +736,7 @@ void WSChannel::close() {
                                       [this] { return !m_bOpen; })) {
                 throw InternalException("timeout while waiting for connection close to complete");
             }
-            if (m_bOpen) {
+            if ((m_bOpen && !m_bLingering) || m_bEndAfterReader) {
                 terminateConnection_i();
             }
         } catch (const websocketpp::exception & e) {

@@ -27,6 +27,7 @@
 #include "socketio/selectreactor.h"
 #include "websocket/keepalive.h"
 #include "websocket/loggerconfig.h"
+#include "socketio/halfclose.h"
 #include "websocket/messagebuffer.h"
 
 namespace websocket {
@@ -35,7 +36,8 @@ class WSChannel : public net::IChannel,
                   public net::IChannelHandler,
                   public net::IReadDataStream,
                   public net::IWriteDataStream,
-                  public socketio::IReadInterest {
+                  public socketio::IReadInterest,
+                  public socketio::IHalfClose {
 public:
     // The engine endpoint of either role, with the client's operations.
     template <typename Config>
@@ -111,6 +113,9 @@ public:
     void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive.configure(settings); }
     // Ends the engine's wait for input. Harmless when repeated.
     void terminateConnection();
+    // Reactor thread: the close frame follows what was sent so far, and a close() from then on
+    // lets that output reach the peer, and shuts the channel below in order, before ending.
+    bool shutdownWrite() override;
 
     const char * getLocalURI() const override { return m_strLocalURI.c_str(); }
     const char * getPeerURI() const override { return m_strPeerURI.c_str(); }
@@ -129,6 +134,8 @@ public:
     void onClose() override;
     void onError() override;
     bool wantsRead() override;
+    // The user's handler's wish to read (true without an IReadInterest); reactor thread.
+    bool handlerWantsRead();
 
     // Inside the user's onRead only.
     int recv(int length, void * buffer) override;
@@ -186,6 +193,14 @@ private:
     unsigned int m_nMaxBytesPending;
     unsigned int m_nMaxMessageSize;
     std::atomic<bool> m_bClosing;
+    // shutdownWrite sent the close frame: the end is orderly, what is queued goes out.
+    bool m_bOrderlyEnd = false;  // GUARDED_BY(m_Mutex)
+    // close() on the reactor thread found output the channel below could not take yet: the
+    // channel below is ended once that output is out.
+    bool m_bLingering = false;  // GUARDED_BY(m_Mutex)
+    // m_Mutex held: the channel below ends its sending side in order (when it can), so that
+    // what its kernel holds still reaches the peer; then the engine's input ends.
+    void endInOrder_i();
     // Read without the lock by hasPendingWrite on the reactor thread.
     std::atomic<bool> m_bHandshakeDone;
     // After m_bBelowEnded: open() and close() stop waiting for an answer.
@@ -201,6 +216,11 @@ private:
     std::string m_strPeerURI;
     std::string m_strDescription;
     std::string m_RecvBuffer;
+    // The engine ended while messages still waited for the handler: the handler and the
+    // channel below stay until they are delivered. Reactor thread, under m_Mutex.
+    bool m_bEndAfterReader = false;
+    // m_Mutex held: hands the handler and the channel below over to finishDeferred.
+    void endAfterReader_i();
     MessageBuffer m_ReadBuffer;  // reactor thread only
     bool m_bTextMessages = false;
     bool m_bTextDropTold = false;  // reactor thread only

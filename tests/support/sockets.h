@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdint>
+#include <string>
 
 namespace corvane_test {
 
@@ -106,6 +108,32 @@ inline bool RaiseDescriptorLimit(rlim_t wanted) {
     }
     limit.rlim_cur = wanted;
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+// Sends all of `data` (bounded by BoundBlockingCalls when set); false on a failure.
+inline bool SendAll(int fd, const std::string & data) {
+    for (std::size_t sent = 0; sent < data.size();) {
+        ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Reads exactly `size` bytes, or what came before the end, an error or the read time-out.
+inline std::string RecvExact(int fd, std::size_t size) {
+    std::string data;
+    char buffer[65536];
+    while (data.size() < size) {
+        ssize_t n = recv(fd, buffer, std::min(sizeof buffer, size - data.size()), 0);
+        if (n <= 0) {
+            break;
+        }
+        data.append(buffer, static_cast<std::size_t>(n));
+    }
+    return data;
 }
 
 // True when the peer's end (or a reset) arrives within the read time-out of

@@ -102,30 +102,8 @@ struct RawTarget {
     unsigned short port;
 };
 
-bool sendAll(int fd, const std::string & data) {
-    for (std::size_t sent = 0; sent < data.size();) {
-        ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return false;
-        }
-        sent += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-// Reads exactly `size` bytes, or what came before the end, an error or the read time-out.
-std::string recvExact(int fd, std::size_t size) {
-    std::string data;
-    char buffer[65536];
-    while (data.size() < size) {
-        ssize_t n = recv(fd, buffer, std::min(sizeof buffer, size - data.size()), 0);
-        if (n <= 0) {
-            break;
-        }
-        data.append(buffer, static_cast<std::size_t>(n));
-    }
-    return data;
-}
+constexpr auto sendAll = corvane_test::SendAll;
+constexpr auto recvExact = corvane_test::RecvExact;
 
 bool seesEnd(int fd) {
     return corvane_test::SeesEndOf(fd);

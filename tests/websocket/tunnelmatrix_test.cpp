@@ -1,6 +1,8 @@
 // Tunnels between any two of the six schemes: for each (listen, target) pair a tunnel in
 // front of an echo server of the target's scheme carries 1 MiB both ways at once for a client
-// that speaks the listen scheme, and leaves no descriptor open behind it.
+// that speaks the listen scheme, and leaves no descriptor open behind it. Chains of tunnels
+// (raw tcp -> listen -> target -> raw tcp) show what each pair does with the ends of a
+// connection: a target that sends and closes at once, and a client that half-closes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -9,7 +11,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "expect.h"
@@ -18,6 +23,8 @@
 #include "sockets.h"
 #include "testacceptor.h"
 #include "../tls/tlsmaterial.h"
+#include "childprocess.h"
+#include "corvane/uri.h"
 #include "socketio/selectreactor.h"
 #include "tunnel/tunnelstore.h"
 #include "wspeer.h"
@@ -224,6 +231,161 @@ TEST(TunnelToWebSocket, WsTargetResetDuringTunnelSendEndsOnlyThatConnection) {
     }
     EXPECT_EQ(exchange(bystander, "after"), "after");
     close(bystander);
+}
+
+// Every (listen, target) pair as the middle of a chain raw client -> tcp -> listen -> target
+// -> tcp -> raw target, all in one store whose small rings make sure that most of the bytes
+// are still inside the tunnels when a side ends.
+class Chains : public ::testing::Test {
+protected:
+    void SetUp() override {
+        material();
+        m_descriptors = corvane_test::CountOpenDescriptors();
+        net::SocketOptions options;
+        options.backlog = 128;
+        factory = new net::ChannelFactory(options);
+        reactor = new socketio::SelectReactor(1000, 600000, 20);
+        reactor->startProcessing();
+        store = new net::TunnelStore(reactor.get(), factory.get(), 4096);
+        target = corvane_test::LoopbackListen(targetPort, 16);
+    }
+    void TearDown() override {
+        store->shutdown();
+        reactor->stopProcessing();
+        close(target);
+        store = nullptr;
+        factory = nullptr;
+        reactor = nullptr;
+        EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= m_descriptors; }))
+            << corvane_test::CountOpenDescriptors() << " open, " << m_descriptors << " before";
+    }
+    // The tunnels of one chain; the port of its raw tcp front.
+    unsigned short chain(const std::string & listen, const std::string & to) {
+        const std::string back = "tcp://127.0.0.1:" + std::to_string(targetPort) + "/";
+        const std::string middle = uriOn(listen);
+        const std::string last = uriOn(to);
+        services.emplace_back(store->startTunnel(last.c_str(), serverOptions().c_str(), back.c_str(), ""));
+        services.emplace_back(store->startTunnel(middle.c_str(), serverOptions().c_str(), last.c_str(), clientOptions().c_str()));
+        services.emplace_back(store->startTunnel("tcp://127.0.0.1:0", "", middle.c_str(), clientOptions().c_str()));
+        return net::URI::FromString(services.back()->getLocalURI()).getPort();
+    }
+    void endChain() {
+        for (auto & service : services) {
+            service->close();
+        }
+        services.clear();
+        EXPECT_TRUE(waitFor([&] { return store->tunnelCount() == 0; })) << store->tunnelCount() << " left";
+    }
+    int acceptTarget() {
+        pollfd entry{target, POLLIN, 0};
+        if (poll(&entry, 1, 10000) != 1) {
+            return -1;
+        }
+        int accepted = accept4(target, nullptr, nullptr, SOCK_CLOEXEC);
+        corvane_test::BoundBlockingCalls(accepted);
+        return accepted;
+    }
+    // Rounds of the whole matrix: CORVANE_MATRIX_ROUNDS, 1 unless set (at most 100).
+    static int rounds() {
+        const char * text = std::getenv("CORVANE_MATRIX_ROUNDS");
+        return text == nullptr ? 1 : std::max(1, std::min(100, std::atoi(text)));
+    }
+
+    Common::SmartPtr<socketio::SelectReactor> reactor;
+    Common::SmartPtr<net::ChannelFactory> factory;
+    Common::SmartPtr<net::TunnelStore> store;
+    std::vector<Common::SmartPtr<net::ITunnelService>> services;
+    int target = -1;
+    unsigned short targetPort = 0;
+
+private:
+    int m_descriptors = 0;
+};
+
+bool carriesHalfClose(const std::string & scheme) {
+    return scheme.compare(0, 2, "ws") != 0;
+}
+
+TEST_F(Chains, TargetThatSendsAndClosesAtOnceReachesTheClientWholeThroughEveryPair) {
+    const std::string data = pattern(300000, 3);
+    for (int round = 0; round < rounds(); ++round) {
+        for (const std::string listen : kSchemes) {
+            for (const std::string to : kSchemes) {
+                SCOPED_TRACE(listen + " -> " + to + ", round " + std::to_string(round));
+                int client = corvane_test::LoopbackConnect(chain(listen, to));
+                int server = acceptTarget();
+                ASSERT_GE(server, 0);
+                EXPECT_TRUE(corvane_test::SendAll(server, data));
+                close(server);
+                const std::string got = corvane_test::RecvExact(client, data.size());
+                EXPECT_TRUE(got == data) << got.size() << " of " << data.size() << " bytes";
+                EXPECT_TRUE(corvane_test::SeesEndOf(client));
+                close(client);
+                endChain();
+            }
+        }
+    }
+}
+
+// Where both schemes carry a half-close, the client that shut down its sending side gets the
+// target's whole answer; where one cannot, the connection ends and nothing is left waiting.
+TEST_F(Chains, HalfClosingClientGetsItsReplyWhereThePairCarriesTheHalfClose) {
+    const std::string request = pattern(70000, 5);
+    const std::string reply = pattern(200000, 6);
+    for (int round = 0; round < rounds(); ++round) {
+        for (const std::string listen : kSchemes) {
+            for (const std::string to : kSchemes) {
+                SCOPED_TRACE(listen + " -> " + to + ", round " + std::to_string(round));
+                int client = corvane_test::LoopbackConnect(chain(listen, to));
+                ASSERT_TRUE(corvane_test::SendAll(client, request));
+                ASSERT_EQ(shutdown(client, SHUT_WR), 0);
+                int server = acceptTarget();
+                ASSERT_GE(server, 0);
+                const std::string got = corvane_test::RecvExact(server, request.size() + 1);
+                EXPECT_TRUE(got == request) << got.size() << " of " << request.size() << " bytes";
+                if (carriesHalfClose(listen) && carriesHalfClose(to)) {
+                    EXPECT_TRUE(corvane_test::SendAll(server, reply));
+                    close(server);
+                    const std::string answer = corvane_test::RecvExact(client, reply.size());
+                    EXPECT_TRUE(answer == reply) << answer.size() << " of " << reply.size() << " bytes";
+                } else {
+                    close(server);
+                }
+                EXPECT_TRUE(corvane_test::SeesEndOf(client));
+                close(client);
+                endChain();
+            }
+        }
+    }
+}
+
+// A download from an HTTPS server through a tcp -> https tunnel arrives whole: the server
+// sends the file and closes, and everything the tunnel holds then still reaches the client.
+TEST_F(Chains, HttpsDownloadThroughATunnelArrivesWhole) {
+    const std::string file = pattern(10u << 20, 8);
+    std::ofstream(material().directory + "/download.bin", std::ios::binary) << file;
+    corvane_test::ChildProcess server({"sh", "-c",
+                                       "cd '" + material().directory + "' && exec openssl s_server -WWW -accept 127.0.0.1:0 -cert " +
+                                           material().serverCert + " -key " + material().serverKey});
+    const std::string line = server.lineAfter("ACCEPT 127.0.0.1:");
+    ASSERT_FALSE(line.empty()) << "openssl s_server did not start";
+    const std::string https = "https://127.0.0.1:" + std::to_string(std::stoi(line)) + "/";
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        net::ITunnelService * service = store->startTunnel("tcp://127.0.0.1:0", "", https.c_str(), clientOptions().c_str());
+        int client = corvane_test::LoopbackConnect(net::URI::FromString(service->getLocalURI()).getPort());
+        ASSERT_TRUE(corvane_test::SendAll(client, "GET /download.bin HTTP/1.0\r\n\r\n"));
+        std::string answer;
+        for (std::string piece; !(piece = corvane_test::RecvExact(client, 1u << 20)).empty();) {
+            answer += piece;
+        }
+        close(client);
+        const std::size_t body = answer.find("\r\n\r\n");
+        ASSERT_NE(body, std::string::npos) << answer.substr(0, 200);
+        EXPECT_EQ(answer.size() - body - 4, file.size());
+        EXPECT_TRUE(answer.compare(body + 4, std::string::npos, file) == 0) << "the download differs";
+        service->close();
+    }
 }
 
 }  // namespace
