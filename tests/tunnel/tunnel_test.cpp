@@ -597,20 +597,6 @@ TEST_F(Tunnels, HangingTargetDelaysNoOtherConnectionAndShutdownAbandonsIt) {
 
 namespace {
 
-// A target that answers whatever it got once its client has shut down its sending side,
-// the way an HTTP/1.0 server or `nc -N` peer does; then it ends too.
-void answerAfterTheEnd(int server, const std::string & reply) {
-    std::string request;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = recv(server, buffer, sizeof buffer, 0)) > 0) {
-        request.append(buffer, static_cast<std::size_t>(n));
-    }
-    EXPECT_EQ(n, 0) << "the client's half-close arrived as an end of stream";
-    EXPECT_TRUE(sendAll(server, reply + request));
-    close(server);
-}
-
 // Counts how many getEndpoint calls overlap and in which order the clients arrived.
 class SerialTargets : public net::IChannelEndpoint {
 public:
@@ -634,49 +620,6 @@ private:
 };
 
 }  // namespace
-
-// The bytes a tunnel holds when a side ends are delivered before the end is passed on; a
-// small ring makes sure most of them are still in the tunnel when the target closes.
-TEST_F(Tunnels, TargetThatSendsAndClosesAtOnceDeliversEverything) {
-    RawTarget target;
-    const unsigned short port = startTunnel(target.uri(), 4096);
-    const std::string data = pattern(3u << 20, 5);
-    for (int round = 0; round < 4; ++round) {
-        int client = connectTo(port);
-        int server = target.acceptWithin();
-        ASSERT_GE(server, 0);
-        std::thread sender([&] {
-            EXPECT_TRUE(sendAll(server, data));
-            close(server);
-        });
-        EXPECT_TRUE(recvExact(client, data.size()) == data) << "round " << round;
-        EXPECT_TRUE(seesEnd(client));
-        sender.join();
-        close(client);
-        EXPECT_TRUE(drained());
-    }
-}
-
-TEST_F(Tunnels, HalfClosingClientGetsItsWholeReply) {
-    RawTarget target;
-    const unsigned short port = startTunnel(target.uri(), 4096);
-    const std::string request = pattern(100000, 9);
-    const std::string reply = pattern(500000, 11);
-    for (int round = 0; round < 5; ++round) {
-        int client = connectTo(port);
-        ASSERT_TRUE(sendAll(client, request));
-        ASSERT_EQ(shutdown(client, SHUT_WR), 0);
-        int server = target.acceptWithin();
-        ASSERT_GE(server, 0);
-        std::thread answering(answerAfterTheEnd, server, reply);
-        const std::string got = recvExact(client, reply.size() + request.size());
-        EXPECT_TRUE(got == reply + request) << "round " << round << ": " << got.size() << " bytes";
-        EXPECT_TRUE(seesEnd(client));
-        answering.join();
-        close(client);
-        EXPECT_TRUE(drained());
-    }
-}
 
 // A tunnel without rings carries nothing, but still ends the target's connection as soon as
 // the client has gone.
