@@ -76,29 +76,43 @@ latency() {
 }
 latency
 
-# CPU while stalled: a client pushes into a tunnel in front of `corvane serve --echo` and reads
-# nothing; both corvane processes should sleep, not spin, while the buffers stay full.
-"$CORVANE" serve tcp://127.0.0.1 --echo >"$work/echo" 2>"$work/echo.err" &
-pids+=($!)
-echo_pid=$!
-wait_for grep -q '^listening on ' "$work/echo"
-echo_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/echo")
-"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$echo_port" >"$work/stalltunnel" 2>"$work/stalltunnel.err" &
-pids+=($!)
-stall_tunnel_pid=$!
-wait_for grep -q '^listening on ' "$work/stalltunnel"
-stall_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/stalltunnel")
+# CPU while stalled: a client pushes into a tunnel in front of `corvane serve --echo` of each
+# target scheme and reads nothing; both corvane processes should sleep, not spin, while the
+# buffers stay full.
+make_certificates
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
-"$TUNNELBENCH" stall "$stall_port" $((STALL_SECONDS + 1)) >"$work/stalled" &
-stall_client=$!
-sleep 0.5
-tunnel_before=$(cpu_ticks "$stall_tunnel_pid")
-echo_before=$(cpu_ticks "$echo_pid")
-sleep "$STALL_SECONDS"
-tunnel_after=$(cpu_ticks "$stall_tunnel_pid")
-echo_after=$(cpu_ticks "$echo_pid")
-wait "$stall_client"
-hz=$(getconf CLK_TCK)
-awk -v t=$((tunnel_after - tunnel_before)) -v e=$((echo_after - echo_before)) -v hz="$hz" -v s="$STALL_SECONDS" \
-    -v b="$(cat "$work/stalled")" \
-    'BEGIN { printf "stalled CPU over %d s (client wrote %.1f MB, read nothing): corvane tunnel %.1f%%, corvane serve --echo %.1f%% (aim: under 5%% each)\n", s, b / 1e6, 100 * t / hz / s, 100 * e / hz / s }'
+stalled() {
+    local scheme=$1 serve_options="" target_options="EnableProxy=false"
+    case $scheme in
+        ssl | wss)
+            serve_options="CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true"
+            target_options+=";LoadCryptoCertStore=false;CAFile=$work/ca.pem"
+            ;;
+    esac
+    # A ws or wss server given port 0 takes its scheme's default port: pick a free one here.
+    "$CORVANE" serve "$scheme://localhost:$(free_port)" --echo --options "$serve_options" \
+        >"$work/echo_$scheme" 2>"$work/echo_$scheme.err" &
+    pids+=($!)
+    local echo_pid=$!
+    wait_for grep -qs "^listening on " "$work/echo_$scheme"
+    local echo_port
+    echo_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/echo_$scheme")
+    corvane_tunnel stall_port tcp://127.0.0.1:0 "$scheme://localhost:$echo_port" --target-options "$target_options"
+    local tunnel_pid=${pids[-1]}
+    "$TUNNELBENCH" stall "$stall_port" $((STALL_SECONDS + 1)) >"$work/stalled_$scheme" &
+    local client=$!
+    sleep 0.5
+    local tunnel_before echo_before tunnel_after echo_after
+    tunnel_before=$(cpu_ticks "$tunnel_pid")
+    echo_before=$(cpu_ticks "$echo_pid")
+    sleep "$STALL_SECONDS"
+    tunnel_after=$(cpu_ticks "$tunnel_pid")
+    echo_after=$(cpu_ticks "$echo_pid")
+    wait "$client"
+    awk -v t=$((tunnel_after - tunnel_before)) -v e=$((echo_after - echo_before)) -v hz="$(getconf CLK_TCK)" \
+        -v s="$STALL_SECONDS" -v b="$(cat "$work/stalled_$scheme")" -v scheme="$scheme" \
+        'BEGIN { printf "stalled CPU over %d s, tcp -> %s (client wrote %.1f MB, read nothing): corvane tunnel %.1f%%, corvane serve --echo %.1f%% (aim: under 5%% each)\n", s, scheme, b / 1e6, 100 * t / hz / s, 100 * e / hz / s }'
+}
+for scheme in tcp ssl ws wss; do
+    stalled "$scheme"
+done
