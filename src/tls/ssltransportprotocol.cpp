@@ -174,8 +174,10 @@ net::IChannelServer * SSLTransportProtocol::startChannelServer(net::IReactor * r
     context.setup(false);
     context.requireServerIdentity();
 
+    const std::uint64_t handshakeTimeout = optionMap.getMilliseconds("HandshakeTimeout");
     Common::SmartPtr<SSLChannelServer> server(new SSLChannelServer(guard.socket, this, context, acceptor, m_socketOptions));
     guard.release();
+    server->setHandshakeTimeout(handshakeTimeout);
     try {
         selectReactor->registerSubscriber(server.get());
     } catch (...) {

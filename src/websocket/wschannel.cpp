@@ -145,6 +145,10 @@ void WSChannel::accept(net::IChannel * underlying) {
         ConnectionPtr con = m_Endpoint.create_connection();
         con->start();
         m_Connection = con;
+        // From the accept of the connection below: over TLS the limit covers that handshake too.
+        if (m_HandshakeLimit != 0) {
+            m_UpgradeDeadline = Common::GetTickCount64() + m_HandshakeLimit;
+        }
     });
 }
 
@@ -255,7 +259,16 @@ bool WSChannel::wantsRead() {
     }
 }
 
+bool WSChannel::upgradeOverdue() const {
+    return m_UpgradeDeadline != 0 && !m_bHandshakeDone && Common::GetTickCount64() >= m_UpgradeDeadline;
+}
+
 bool WSChannel::hasPendingWrite() {
+    // The write event that this asks for ends the channel: a slow or silent client's upgrade
+    // must not hold its connection beyond the limit, however often it drips a byte.
+    if (upgradeOverdue()) {
+        return true;
+    }
     if (m_nTotalBytesPending != 0) {
         return true;
     }
@@ -455,6 +468,12 @@ void WSChannel::onWrite(net::IWriteDataStream * stream) {
 
 void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
     LOG4CXX_TRACE(logger, "onWrite[" << m_strDescription << "]");
+    if (upgradeOverdue()) {
+        LOG4CXX_INFO(logger, "upgrade on " << m_strDescription << " not done within HandshakeTimeout="
+                                           << m_HandshakeLimit << " ms: the connection ends");
+        endWithError("onWrite");
+        return;
+    }
     bool drained = true;
     bool alive;
     {
