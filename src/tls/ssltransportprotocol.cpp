@@ -1,12 +1,17 @@
 #include "tls/ssltransportprotocol.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
+#include <poll.h>
+
+#include <string>
 
 #include "common/handover.h"
 #include "common/logging.h"
 #include "net/optionmap.h"
 #include "proxy/proxyresolver.h"
 #include "proxy/proxysocketconnect.h"
+#include "socketio/connectabort.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
 #include "tls/socketbio.h"
@@ -48,6 +53,41 @@ struct HandleGuard {
         socket = socketio::INVALID_SOCKET_HANDLE;
     }
 };
+
+// SSL_connect on the blocking socket. Under a ConnectTimeout the socket is non-blocking for
+// the handshake and each wait for the server is bounded by what remains of the limit, so that a
+// server that accepts and never answers (or drips) cannot hold the caller.
+int connectWithinTime(SSL * ssl, unsigned int socket, const std::string & host) {
+    if (socketio::ConnectTimeLimit() == 0) {
+        return SSL_connect(ssl);
+    }
+    const int fd = static_cast<int>(socket);
+    const int flags = fcntl(fd, F_GETFL);
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int result;
+    for (;;) {
+        ERR_clear_error();
+        result = SSL_connect(ssl);
+        if (result == 1) {
+            break;
+        }
+        const int error = SSL_get_error(ssl, result);
+        const short events = error == SSL_ERROR_WANT_READ ? POLLIN : error == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;
+        if (events == 0) {
+            break;
+        }
+        if (!socketio::WaitWithinConnectTime(socket, events)) {
+            fcntl(fd, F_SETFL, flags);
+            ERR_clear_error();
+            throw InternalException(("TLS/SSL handshake with '" + host + "' not done within ConnectTimeout=" +
+                                     std::to_string(socketio::ConnectTimeLimit()) + " ms")
+                                        .c_str(),
+                                    true);
+        }
+    }
+    fcntl(fd, F_SETFL, flags);
+    return result;
+}
 
 socketio::SelectReactor * selectReactorOf(net::IReactor * reactor, const char * operation) {
     auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(reactor);
@@ -101,8 +141,8 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     if (!SSL_set_socket(guard.ssl, guard.socket)) {
         throw tools::SSLException();
     }
-    // Blocking, with no time limit: the socket is still in blocking mode.
-    result = SSL_connect(guard.ssl);
+    // Blocking: the socket is still in blocking mode; within ConnectTimeout if one is set.
+    result = connectWithinTime(guard.ssl, guard.socket, host);
     if (result <= 0) {
         throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
                                 true);

@@ -9,6 +9,7 @@
 #include "common/logging.h"
 #include "common/timedelta.h"
 #include "corvane/uri.h"
+#include "socketio/connectabort.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "websocket/internalexception.h"
 
@@ -99,7 +100,9 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
         if (m_Connection->get_ec()) {
             throw InternalException(("unable to connect:" + m_Connection->get_ec().message()).c_str());
         }
-        if (!m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
+        // ConnectTimeout, if set, bounds the handshake with what remains of it instead.
+        const int left = socketio::ConnectTimeLeft();
+        if (!m_Condition.wait_for(lock, std::chrono::milliseconds(left >= 0 ? left : kWaitMilliseconds),
                                   [this] { return m_bHandshakeDone.load() || m_bBelowEnded.load(); })) {
             throw InternalException(
                 ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());

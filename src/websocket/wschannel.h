@@ -91,8 +91,8 @@ public:
     WSChannel & operator=(const WSChannel &) = delete;
 
     // Client role, caller's thread: `underlying` is connected, registered and has this object
-    // as its handler. Blocks until the opening handshake has ended, for at most 5000 ms
-    // (`timeoutMs` is not used). Throws websocket::InternalException; the channel below is
+    // as its handler. Blocks until the opening handshake has ended, for at most 5000 ms, or
+    // what remains of the calling thread's ConnectTimeout if one is set (`timeoutMs` is not used). Throws websocket::InternalException; the channel below is
     // closed then.
     void open(net::IChannel * underlying, const char * szURI, int timeoutMs);
     // Server role, reactor thread: the names of the accepted channel below, before the
