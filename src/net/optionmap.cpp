@@ -41,14 +41,15 @@ std::uint64_t OptionMap::getMilliseconds(const char * key) const {
     const std::string text = get(key, "");
     // A day is far beyond any handshake or connect a peer could mean; more is a typing error.
     constexpr std::uint64_t kMost = 86400000;
-    std::uint64_t value = 0;
-    bool valid = !text.empty() && text.size() <= 9;
-    for (char c : text) {
-        valid = valid && std::isdigit(static_cast<unsigned char>(c)) != 0;
-        value = value * 10 + static_cast<std::uint64_t>(c - '0');
-    }
     if (text.empty()) {
         return 0;
+    }
+    // Nine digits at most: the value cannot overflow on its way to the check.
+    bool valid = text.size() <= 9;
+    std::uint64_t value = 0;
+    for (char c : text) {
+        valid = valid && std::isdigit(static_cast<unsigned char>(c)) != 0;
+        value = valid ? value * 10 + static_cast<std::uint64_t>(c - '0') : 0;
     }
     if (!valid || value > kMost) {
         throw InternalException(
