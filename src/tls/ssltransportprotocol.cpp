@@ -118,14 +118,17 @@ unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy) 
 bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::OptionMap & optionMap, bool viaProxy,
                                          unsigned int & socket, SSL *& ssl) {
     ensureLibrary();
+    // The context of these options, built when they were first used or a file they name changed.
+    // Before the connect, and ConnectTimeout counted from after it: loading a CA store is no
+    // wait for a peer, and takes no time of the server's handshake limit either.
+    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
+    socketio::RestartConnectDeadline();
     HandleGuard guard;
     guard.socket = connect(parsedUri, viaProxy);
     if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
         return false;
     }
 
-    // The context of these options, built when they were first used or a file they name changed.
-    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
     guard.ssl = SSL_new(context->context());
     if (guard.ssl == nullptr) {
         throw tools::SSLException();
