@@ -4,6 +4,8 @@
 #include "corvane/uri.h"
 #include "framework/transports.h"
 #include "net/internalexception.h"
+#include "net/optionmap.h"
+#include "socketio/connectabort.h"
 
 namespace net {
 
@@ -59,7 +61,13 @@ ITransportProtocol * ChannelFactory::protocolFor(const char * uri) const {
 
 IChannel * ChannelFactory::openChannel(IReactor * reactor, const char * uri, IChannelHandler * handler,
                                        const char * options) {
-    return protocolFor(uri)->openChannel(reactor, uri, handler, options);
+    ITransportProtocol * protocol = protocolFor(uri);
+    OptionMap optionMap;
+    optionMap.parse(options);
+    // Every blocking step of the opening on this thread (connect, each proxy's exchange, the
+    // TLS and WebSocket handshakes) keeps to ConnectTimeout, whatever the scheme.
+    socketio::ConnectDeadlineScope deadline(optionMap.getMilliseconds("ConnectTimeout"));
+    return protocol->openChannel(reactor, uri, handler, options);
 }
 
 IChannelServer * ChannelFactory::startChannelServer(IReactor * reactor, const char * uri, IChannelAcceptor * acceptor,

@@ -22,7 +22,8 @@ public:
     void unregisterTransportProtocol(const char * name) override;
     ITransportProtocol * getTransportProtocol(const char * name) const override;
     // Any thread; the URI's parse errors pass through, an unknown scheme throws
-    // net::InternalException "transport protocol '<scheme>' not recognized".
+    // net::InternalException "transport protocol '<scheme>' not recognized". The option
+    // ConnectTimeout=MS bounds each route of the opening (socketio::ConnectDeadlineScope).
     IChannel * openChannel(IReactor * reactor, const char * uri, IChannelHandler * handler,
                            const char * options) override;
     IChannelServer * startChannelServer(IReactor * reactor, const char * uri, IChannelAcceptor * acceptor,

@@ -7,6 +7,7 @@
 // A value counts as true only when it is exactly "true".
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -18,6 +19,10 @@ public:
     void parse(const char * options);
     std::string get(const char * key, std::string defaultValue) const;
     void set(const std::string & key, const std::string & value);
+    // A time limit in milliseconds (HandshakeTimeout, ConnectTimeout): 0 when absent or empty,
+    // which means none. Throws net::InternalException naming the key when the value is not a
+    // whole number from 0 to 86400000 (a day).
+    std::uint64_t getMilliseconds(const char * key) const;
     // Whether "EnableProxy" is present, whatever its value.
     bool hasEnableProxy() const;
     // Each entry as key "=" value ";", in key order.

@@ -1,5 +1,6 @@
 #include "proxy/proxysocketconnect.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 
 #include "common/logging.h"
 #include "proxy/standardproxyauthenticator.h"
+#include "socketio/connectabort.h"
 #include "socketio/internalexception.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/socketfunctions.h"
@@ -26,6 +28,12 @@ const size_t kReceiveBufferSize = 0x10000;
 const size_t kMaxChunkLine = 4096;
 
 ssize_t receive(unsigned int socket, char * buffer, size_t length, int flags) {
+    // A proxy that accepts and never answers must not hold the connection beyond its limit:
+    // it fails like one that closes, and the next proxy is tried.
+    if (!WaitWithinConnectTime(socket, POLLIN)) {
+        throw std::runtime_error("no answer from the proxy within ConnectTimeout=" +
+                                 std::to_string(ConnectTimeLimit()) + " ms");
+    }
     ssize_t received;
     do {
         received = recv(static_cast<int>(socket), buffer, length, flags);
@@ -118,6 +126,8 @@ unsigned int SocketConnectAttemptProxy(const net::URI & uri, ProxyResolver::IRes
     LOG4CXX_INFO(logger, "Found " << result->proxyCount() << " proxies available for connecting to '" << lookupText
                                   << "'");
     for (unsigned int index = 0; index < result->proxyCount(); ++index) {
+        // Each proxy, and the direct connection after them, has the whole ConnectTimeout.
+        RestartConnectDeadline();
         try {
             return ProxySocketConnect(uri, result->proxy(index), options);
         } catch (const InternalException & e) {
@@ -130,6 +140,7 @@ unsigned int SocketConnectAttemptProxy(const net::URI & uri, ProxyResolver::IRes
     }
     // No configuration turns this off: an empty list and a list of failing proxies end alike.
     LOG4CXX_INFO(logger, "Connecting directly");
+    RestartConnectDeadline();
     return SocketConnect(uri, options);
 }
 

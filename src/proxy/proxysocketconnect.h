@@ -1,7 +1,8 @@
 // Connecting through the system's HTTP proxies: the CONNECT exchange on a blocking socket,
 // before any channel exists, with a direct connection as the last resort. Plain functions
 // without state or locks; caller's thread; they block on name resolution, connect and the
-// proxy's answers, with no time limit of their own. Log category
+// proxy's answers, within the calling thread's ConnectTimeout (socketio::ConnectDeadlineScope)
+// for each proxy if one is set, else with no time limit of their own. Log category
 // "corvane.socketio.ProxySocketConnect".
 #pragma once
 

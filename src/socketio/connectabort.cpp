@@ -4,10 +4,14 @@
 
 #include <algorithm>
 
+#include "common/timedelta.h"
+
 namespace socketio {
 
 namespace {
 thread_local ConnectAbort * t_connectAbort = nullptr;
+thread_local std::uint64_t t_connectLimit = 0;
+thread_local std::uint64_t t_connectDeadline = 0;
 }
 
 void ConnectAbort::abort() {
@@ -52,6 +56,36 @@ ConnectAbortScope::~ConnectAbortScope() {
 
 ConnectAbort * CurrentConnectAbort() {
     return t_connectAbort;
+}
+
+ConnectDeadlineScope::ConnectDeadlineScope(std::uint64_t milliseconds)
+    : m_previousLimit(t_connectLimit), m_previousDeadline(t_connectDeadline) {
+    t_connectLimit = milliseconds;
+    t_connectDeadline = 0;
+    RestartConnectDeadline();
+}
+
+ConnectDeadlineScope::~ConnectDeadlineScope() {
+    t_connectLimit = m_previousLimit;
+    t_connectDeadline = m_previousDeadline;
+}
+
+void RestartConnectDeadline() {
+    if (t_connectLimit != 0) {
+        t_connectDeadline = Common::GetTickCount64() + t_connectLimit;
+    }
+}
+
+std::uint64_t ConnectTimeLimit() {
+    return t_connectLimit;
+}
+
+int ConnectTimeLeft() {
+    if (t_connectLimit == 0) {
+        return -1;
+    }
+    const std::uint64_t now = Common::GetTickCount64();
+    return now >= t_connectDeadline ? 0 : static_cast<int>(t_connectDeadline - now);
 }
 
 }  // namespace socketio

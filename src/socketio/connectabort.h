@@ -6,6 +6,7 @@
 // runs on any thread.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -45,5 +46,28 @@ private:
 
 // The calling thread's abort, or null.
 ConnectAbort * CurrentConnectAbort();
+
+// Installs the time limit of the connection being opened on the calling thread (ConnectTimeout)
+// for the life of the scope; 0: none. The limit starts at once and again for each route that
+// RestartConnectDeadline begins (a proxy, then the direct connection); the TLS and WebSocket
+// handshakes that follow share what remains of it.
+class ConnectDeadlineScope {
+public:
+    explicit ConnectDeadlineScope(std::uint64_t milliseconds);
+    ~ConnectDeadlineScope();
+    ConnectDeadlineScope(const ConnectDeadlineScope &) = delete;
+    ConnectDeadlineScope & operator=(const ConnectDeadlineScope &) = delete;
+
+private:
+    std::uint64_t m_previousLimit;
+    std::uint64_t m_previousDeadline;
+};
+
+// Calling thread: the whole limit again, for one more route. Nothing without a limit.
+void RestartConnectDeadline();
+// The calling thread's limit in milliseconds; 0: none.
+std::uint64_t ConnectTimeLimit();
+// Milliseconds left of the calling thread's limit: -1 without one, 0 once it has passed.
+int ConnectTimeLeft();
 
 }  // namespace socketio

@@ -41,18 +41,50 @@ int socketFamily(unsigned int socket) {
 }
 
 // A blocking connect that a signal interrupts goes on in the background: wait for its end.
+// Under a ConnectTimeout the connect runs non-blocking, so that a silent address (a dropped
+// SYN) cannot outlast the limit.
 bool connectBlocking(int fd, const sockaddr * address, socklen_t length) {
-    if (connect(fd, address, length) == 0) {
+    const bool limited = ConnectTimeLimit() != 0;
+    const int flags = fcntl(fd, F_GETFL);
+    if (limited) {
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+    const bool done = connect(fd, address, length) == 0;
+    const int connectErrno = errno;
+    if (limited) {
+        fcntl(fd, F_SETFL, flags);
+    }
+    if (done) {
         return true;
     }
-    if (errno != EINTR) {
+    if (connectErrno != EINTR && !(limited && connectErrno == EINPROGRESS)) {
+        errno = connectErrno;
         return false;
     }
     pollfd entry{fd, POLLOUT, 0};
-    while (poll(&entry, 1, -1) < 0) {
-        if (errno != EINTR) {
+    for (;;) {
+        const int left = ConnectTimeLeft();
+        if (left == 0) {
+            errno = ETIMEDOUT;
             return false;
         }
+        const int ready = poll(&entry, 1, left);
+        if (ready > 0) {
+            break;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+    // A stop shuts the connecting socket down, which ends the wait with no error recorded.
+    sockaddr_storage peer{};
+    socklen_t peerLength = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peerLength) != 0 && errno == ENOTCONN) {
+        int error = 0;
+        socklen_t size = sizeof error;
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+        errno = error != 0 ? error : ECONNABORTED;
+        return false;
     }
     int error = 0;
     socklen_t size = sizeof error;
@@ -270,6 +302,25 @@ std::string SocketPeerAddress(unsigned int socket) {
         text.erase(0, 7);
     }
     return text + ":" + service;
+}
+
+bool WaitWithinConnectTime(unsigned int socket, short events) {
+    pollfd entry{static_cast<int>(socket), events, 0};
+    for (;;) {
+        const int left = ConnectTimeLeft();
+        if (left < 0) {
+            return true;
+        }
+        if (left == 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        const int ready = poll(&entry, 1, left);
+        // Ready, or failed or shut down: the call that follows tells which.
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            return true;
+        }
+    }
 }
 
 void SocketClose(unsigned int socket) {

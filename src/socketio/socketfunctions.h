@@ -12,9 +12,16 @@
 namespace socketio {
 
 // Resolves the host, then tries every IPv4 address before any IPv6 one (the other way round
-// with options.ipv6Only), with no time limit of its own. Throws socketio::InternalException
-// "while connecting to <uri>" when no address takes the connection.
+// with options.ipv6Only), within the calling thread's ConnectTimeout if one is set (see
+// socketio::ConnectDeadlineScope), else with no time limit of its own. Throws
+// socketio::InternalException "while connecting to <uri>" when no address takes the connection.
 unsigned int SocketConnect(const net::URI & uri, const socket_options & options);
+
+// Caller's thread, before a blocking call on `socket` while a connection is opened: waits
+// until it is ready for `events` (POLLIN, POLLOUT) within the calling thread's ConnectTimeout.
+// False once that has passed (errno ETIMEDOUT); true at once without a limit, since the
+// blocking call then waits by itself.
+bool WaitWithinConnectTime(unsigned int socket, short events);
 
 // Binds one address of the URI (a wildcard host prefers IPv6, which also takes IPv4 unless
 // ipv6Only) and listens. Throws "while creating socket for <uri>", "while binding to <uri>" or

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "common/logging.h"
+#include "common/timedelta.h"
 #include "socketio/socketfunctions.h"
 #include "tls/sslexception.h"
 
@@ -43,6 +44,8 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
       m_endPending(false),
       m_closeNotifyPending(false),
       m_handshakeEvents(socketio::SELECT_EVENT_READ | socketio::SELECT_EVENT_WRITE),
+      m_handshakeLimit(0),
+      m_handshakeDeadline(0),
       m_handlerFailed(false) {
     int fd = static_cast<int>(socket);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -86,6 +89,9 @@ void SSLChannel::setReactor(socketio::SelectReactor * reactor, const std::uint64
         m_homeReactor = reactor;
     }
     m_lastEventTime = now;
+    if (reactor != nullptr && m_handshakeLimit != 0 && m_handshakeDeadline == 0) {
+        m_handshakeDeadline = now + m_handshakeLimit;
+    }
 }
 
 void SSLChannel::close() {
@@ -121,6 +127,11 @@ short SSLChannel::getEventMask() noexcept {
         return socketio::SELECT_EVENT_PENDING;
     }
     if (!handshakeDone) {
+        // Asked every cycle, so at least every selectTimeout: a handshake past its limit is
+        // ended by the event this asks for at once.
+        if (m_handshakeDeadline != 0 && Common::GetTickCount64() >= m_handshakeDeadline) {
+            return socketio::SELECT_EVENT_PENDING;
+        }
         // A handler's wish to write has no effect before the handshake is done.
         return m_handshakeEvents;
     }
@@ -192,6 +203,13 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
     }
 
     if (!handshakeDone) {
+        if (m_handshakeDeadline != 0 && Common::GetTickCount64() >= m_handshakeDeadline) {
+            LOG4CXX_INFO(logger, "TLS/SSL handshake with '" << m_peerURI << "' not done within HandshakeTimeout="
+                                                            << m_handshakeLimit << " ms: the connection ends");
+            terminateConnection();
+            handler->onError();
+            return false;
+        }
         char byte;
         if (::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK) == 0) {
             LOG4CXX_DEBUG(logger, "TLS/SSL handshake with '" << m_peerURI

@@ -83,6 +83,11 @@ public:
     // reading until the peer's own close_notify; false before the handshake or once closed.
     bool shutdownWrite() override;
 
+    // Before the channel joins its reactor: an accepted channel whose handshake is not done
+    // `milliseconds` after it joined ends with one line and onError (HandshakeTimeout). The
+    // silence sweep cannot do this: it starts again at each byte a slow peer drips. 0: none.
+    void setHandshakeTimeout(std::uint64_t milliseconds) { m_handshakeLimit = milliseconds; }
+
     // Reactor thread: one step of the server handshake. False when it failed.
     bool handleAccept();
     // Any thread: close_notify if the handshake was done and the socket is still open (without
@@ -129,6 +134,9 @@ private:
     // the peer, waiting for it to answer, would wait for ever.
     bool m_closeNotifyPending;                 // GUARDED_BY(m_lock)
     short m_handshakeEvents;                   // reactor thread only
+    std::uint64_t m_handshakeLimit;            // set before registration
+    // The tick by which the handshake must be done; 0: no limit. Reactor thread only.
+    std::uint64_t m_handshakeDeadline;
     // The handler threw while the reactor asked for its mask: the next event ends the channel.
     bool m_handlerFailed;                      // reactor thread only
     mutable Common::Lock m_lock;

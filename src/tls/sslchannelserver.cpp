@@ -73,6 +73,7 @@ void SSLChannelServer::onAccept(const net::URI & peer, unsigned int socket) noex
         }
         // The handshake has not begun: the acceptor knows the peer's address and nothing more.
         channel = new SSLChannel(socket, ssl, false, reactor.get());
+        channel->setHandshakeTimeout(m_handshakeTimeout);
         handler = m_acceptor->accept(channel.get());
         // Taken: an acceptor that kept it for this thread (Common::KeepForCaller) lets it go.
         Common::KeepForCaller(nullptr);

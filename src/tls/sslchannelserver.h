@@ -40,6 +40,9 @@ public:
     // Servers are never swept.
     std::uint64_t getLastEventTime() const override { return 0; }
 
+    // Before registration: the HandshakeTimeout of every channel accepted (0: none).
+    void setHandshakeTimeout(std::uint64_t milliseconds) { m_handshakeTimeout = milliseconds; }
+
     // Reactor thread. Any failure closes only this connection.
     void onAccept(const net::URI & peer, unsigned int socket) noexcept;
 
@@ -54,6 +57,7 @@ private:
     Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
     socketio::socket_options m_socketOptions;
     std::string m_localURI;
+    std::uint64_t m_handshakeTimeout = 0;
     bool m_bAcceptFailing = false;  // reactor thread only: the last accept failed
 };
 

@@ -1,12 +1,17 @@
 #include "tls/ssltransportprotocol.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
+#include <poll.h>
+
+#include <string>
 
 #include "common/handover.h"
 #include "common/logging.h"
 #include "net/optionmap.h"
 #include "proxy/proxyresolver.h"
 #include "proxy/proxysocketconnect.h"
+#include "socketio/connectabort.h"
 #include "socketio/selectreactor.h"
 #include "socketio/socketfunctions.h"
 #include "tls/socketbio.h"
@@ -49,6 +54,41 @@ struct HandleGuard {
     }
 };
 
+// SSL_connect on the blocking socket. Under a ConnectTimeout the socket is non-blocking for
+// the handshake and each wait for the server is bounded by what remains of the limit, so that a
+// server that accepts and never answers (or drips) cannot hold the caller.
+int connectWithinTime(SSL * ssl, unsigned int socket, const std::string & host) {
+    if (socketio::ConnectTimeLimit() == 0) {
+        return SSL_connect(ssl);
+    }
+    const int fd = static_cast<int>(socket);
+    const int flags = fcntl(fd, F_GETFL);
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int result;
+    for (;;) {
+        ERR_clear_error();
+        result = SSL_connect(ssl);
+        if (result == 1) {
+            break;
+        }
+        const int error = SSL_get_error(ssl, result);
+        const short events = error == SSL_ERROR_WANT_READ ? POLLIN : error == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;
+        if (events == 0) {
+            break;
+        }
+        if (!socketio::WaitWithinConnectTime(socket, events)) {
+            fcntl(fd, F_SETFL, flags);
+            ERR_clear_error();
+            throw InternalException(("TLS/SSL handshake with '" + host + "' not done within ConnectTimeout=" +
+                                     std::to_string(socketio::ConnectTimeLimit()) + " ms")
+                                        .c_str(),
+                                    true);
+        }
+    }
+    fcntl(fd, F_SETFL, flags);
+    return result;
+}
+
 socketio::SelectReactor * selectReactorOf(net::IReactor * reactor, const char * operation) {
     auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(reactor);
     if (selectReactor == nullptr) {
@@ -78,14 +118,17 @@ unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy) 
 bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::OptionMap & optionMap, bool viaProxy,
                                          unsigned int & socket, SSL *& ssl) {
     ensureLibrary();
+    // The context of these options, built when they were first used or a file they name changed.
+    // Before the connect, and ConnectTimeout counted from after it: loading a CA store is no
+    // wait for a peer, and takes no time of the server's handshake limit either.
+    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
+    socketio::RestartConnectDeadline();
     HandleGuard guard;
     guard.socket = connect(parsedUri, viaProxy);
     if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
         return false;
     }
 
-    // The context of these options, built when they were first used or a file they name changed.
-    std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
     guard.ssl = SSL_new(context->context());
     if (guard.ssl == nullptr) {
         throw tools::SSLException();
@@ -101,8 +144,8 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     if (!SSL_set_socket(guard.ssl, guard.socket)) {
         throw tools::SSLException();
     }
-    // Blocking, with no time limit: the socket is still in blocking mode.
-    result = SSL_connect(guard.ssl);
+    // Blocking: the socket is still in blocking mode; within ConnectTimeout if one is set.
+    result = connectWithinTime(guard.ssl, guard.socket, host);
     if (result <= 0) {
         throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
                                 true);
@@ -174,8 +217,10 @@ net::IChannelServer * SSLTransportProtocol::startChannelServer(net::IReactor * r
     context.setup(false);
     context.requireServerIdentity();
 
+    const std::uint64_t handshakeTimeout = optionMap.getMilliseconds("HandshakeTimeout");
     Common::SmartPtr<SSLChannelServer> server(new SSLChannelServer(guard.socket, this, context, acceptor, m_socketOptions));
     guard.release();
+    server->setHandshakeTimeout(handshakeTimeout);
     try {
         selectReactor->registerSubscriber(server.get());
     } catch (...) {

@@ -10,6 +10,7 @@
 
 #include "common/logging.h"
 #include "common/timedelta.h"
+#include "socketio/connectabort.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
 #include "websocket/internalexception.h"
@@ -126,7 +127,12 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
                 throw InternalException(("unable to connect:" + ec.message()).c_str());
             }
         }
-        processUntil([this] { return m_bHandshakeDone; });
+        // Within ConnectTimeout if one is set; the loop's own waits have no limit.
+        processUntil([this] { return m_bHandshakeDone || socketio::ConnectTimeLeft() == 0; });
+        if (!m_bHandshakeDone && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+            throw InternalException(
+                ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());
+        }
         if (!m_bOpen) {
             std::string text;
             {
@@ -155,7 +161,9 @@ void WebSocketChannel::processUntil(Done done) {
     while (!done() && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
         const bool writing = outputWaiting();
         pollfd entry{static_cast<int>(m_hSocket), static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
-        if (poll(&entry, 1, kProcessLoopWaitMilliseconds) <= 0) {
+        // Never past the time left to open the connection, if that is limited.
+        const int left = socketio::ConnectTimeLeft();
+        if (poll(&entry, 1, left >= 0 && left < kProcessLoopWaitMilliseconds ? left : kProcessLoopWaitMilliseconds) <= 0) {
             continue;
         }
         if (writing && (entry.revents & (POLLOUT | POLLERR | POLLHUP)) != 0) {

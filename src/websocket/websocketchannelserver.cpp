@@ -43,6 +43,7 @@ net::IChannelHandler * WebSocketChannelServer::accept(net::IChannel * underlying
         channel->takeNamesOf(underlying);
         channel->setMessageOptions(m_bTextMessages, m_AllowedOrigins);
         channel->setKeepAlive(m_KeepAlive);
+        channel->setHandshakeTimeout(m_HandshakeTimeout);
         // A server made without an acceptor refuses every connection.
         Common::SmartPtr<net::IChannelHandler> handler(m_Acceptor ? m_Acceptor->accept(channel.get()) : nullptr);
         if (!handler) {

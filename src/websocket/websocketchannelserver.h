@@ -4,6 +4,7 @@
 // acceptor. The reactor holds the server below, whose acceptor reference keeps this one alive.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,8 @@ public:
     void setMessageOptions(bool textMessages, std::vector<std::string> allowedOrigins);
     // Before the server below starts: PingInterval and PingTimeout of each accepted channel.
     void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive = settings; }
+    // Before the server below starts: HandshakeTimeout of each accepted channel (0: none).
+    void setHandshakeTimeout(std::uint64_t milliseconds) { m_HandshakeTimeout = milliseconds; }
 
     // After the server below has started; `uri` is what getLocalURI answers.
     void setServer(net::IChannelServer * server, const char * uri);
@@ -39,6 +42,7 @@ private:
     bool m_bTextMessages = false;
     std::vector<std::string> m_AllowedOrigins;
     KeepAlive::Settings m_KeepAlive;
+    std::uint64_t m_HandshakeTimeout = 0;
 };
 
 }  // namespace websocket

@@ -105,6 +105,7 @@ net::IChannelServer * startServer(net::IChannelAcceptor * acceptor, bool secure,
     }
     webSocketServer->setMessageOptions(textMessagesOf(optionMap), std::move(origins));
     webSocketServer->setKeepAlive(KeepAlive::FromOptions(optionMap));
+    webSocketServer->setHandshakeTimeout(optionMap.getMilliseconds("HandshakeTimeout"));
     const std::string localUri = parsedUri.ToString();
     Common::SmartPtr<net::IChannelServer> server(start(localUri.c_str(), webSocketServer.get()));
     if (!server) {

@@ -9,6 +9,7 @@
 #include "common/logging.h"
 #include "common/timedelta.h"
 #include "corvane/uri.h"
+#include "socketio/connectabort.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "websocket/internalexception.h"
 
@@ -99,7 +100,9 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
         if (m_Connection->get_ec()) {
             throw InternalException(("unable to connect:" + m_Connection->get_ec().message()).c_str());
         }
-        if (!m_Condition.wait_for(lock, std::chrono::milliseconds(kWaitMilliseconds),
+        // ConnectTimeout, if set, bounds the handshake with what remains of it instead.
+        const int left = socketio::ConnectTimeLeft();
+        if (!m_Condition.wait_for(lock, std::chrono::milliseconds(left >= 0 ? left : kWaitMilliseconds),
                                   [this] { return m_bHandshakeDone.load() || m_bBelowEnded.load(); })) {
             throw InternalException(
                 ("timeout while waiting for connection handshake to complete with '" + std::string(szURI) + "'").c_str());
@@ -145,6 +148,10 @@ void WSChannel::accept(net::IChannel * underlying) {
         ConnectionPtr con = m_Endpoint.create_connection();
         con->start();
         m_Connection = con;
+        // From the accept of the connection below: over TLS the limit covers that handshake too.
+        if (m_HandshakeLimit != 0) {
+            m_UpgradeDeadline = Common::GetTickCount64() + m_HandshakeLimit;
+        }
     });
 }
 
@@ -286,7 +293,16 @@ bool WSChannel::handlerWantsRead() {
     }
 }
 
+bool WSChannel::upgradeOverdue() const {
+    return m_UpgradeDeadline != 0 && !m_bHandshakeDone && Common::GetTickCount64() >= m_UpgradeDeadline;
+}
+
 bool WSChannel::hasPendingWrite() {
+    // The write event that this asks for ends the channel: a slow or silent client's upgrade
+    // must not hold its connection beyond the limit, however often it drips a byte.
+    if (upgradeOverdue()) {
+        return true;
+    }
     if (m_nTotalBytesPending != 0) {
         return true;
     }
@@ -504,6 +520,12 @@ void WSChannel::onWrite(net::IWriteDataStream * stream) {
 
 void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
     LOG4CXX_TRACE(logger, "onWrite[" << m_strDescription << "]");
+    if (upgradeOverdue()) {
+        LOG4CXX_INFO(logger, "upgrade on " << m_strDescription << " not done within HandshakeTimeout="
+                                           << m_HandshakeLimit << " ms: the connection ends");
+        endWithError("onWrite");
+        return;
+    }
     bool drained = true;
     bool alive;
     {

@@ -93,8 +93,8 @@ public:
     WSChannel & operator=(const WSChannel &) = delete;
 
     // Client role, caller's thread: `underlying` is connected, registered and has this object
-    // as its handler. Blocks until the opening handshake has ended, for at most 5000 ms
-    // (`timeoutMs` is not used). Throws websocket::InternalException; the channel below is
+    // as its handler. Blocks until the opening handshake has ended, for at most 5000 ms, or
+    // what remains of the calling thread's ConnectTimeout if one is set (`timeoutMs` is not used). Throws websocket::InternalException; the channel below is
     // closed then.
     void open(net::IChannel * underlying, const char * szURI, int timeoutMs);
     // Server role, reactor thread: the names of the accepted channel below, before the
@@ -111,6 +111,10 @@ public:
     // Before open or accept: PingInterval and PingTimeout. The write events of the channel
     // below drive the clock: hasPendingWrite asks for one when a ping or the end is due.
     void setKeepAlive(const KeepAlive::Settings & settings) { m_KeepAlive.configure(settings); }
+    // Server role, before accept: an upgrade not done `milliseconds` after accept ends the
+    // channel with one line and onError (HandshakeTimeout); 0: none. The write events of the
+    // channel below drive the clock, as for the keep-alive.
+    void setHandshakeTimeout(std::uint64_t milliseconds) { m_HandshakeLimit = milliseconds; }
     // Ends the engine's wait for input. Harmless when repeated.
     void terminateConnection();
     // Reactor thread: the close frame follows what was sent so far, and a close() from then on
@@ -160,6 +164,8 @@ private:
     void onWrite_i(net::IWriteDataStream * stream);
     // Reactor thread, under the reactor's lock: whether a ping or the end is due (cheap).
     bool keepAliveDue();
+    // Reactor thread: the upgrade has outlived HandshakeTimeout (cheap).
+    bool upgradeOverdue() const;
     // Reactor thread, m_Mutex held: a ping after PingInterval of silence; false once
     // PingTimeout has passed with no answer.
     bool keepAlive_i();
@@ -225,6 +231,9 @@ private:
     bool m_bTextMessages = false;
     bool m_bTextDropTold = false;  // reactor thread only
     KeepAlive m_KeepAlive;         // reactor thread only
+    std::uint64_t m_HandshakeLimit = 0;
+    // The tick by which the server role's upgrade must be done; 0: no limit. Reactor thread.
+    std::uint64_t m_UpgradeDeadline = 0;
     std::vector<std::string> m_AllowedOrigins;
     std::atomic<unsigned int> m_nTotalBytesPending;
     std::vector<std::string> m_WriteBuffer;

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,7 +43,9 @@ void resetAndClose(int fd) {
 }
 
 // What a peer does with each connection, on either side.
-enum class Peer { CloseAtOnce, ResetAtOnce, BannerThenClose, ResetWhileHostSends, HalfHandshakeThenClose, DieMidTransfer };
+enum class Peer {
+    CloseAtOnce, ResetAtOnce, BannerThenClose, ResetWhileHostSends, HalfHandshakeThenClose, DieMidTransfer, Silent
+};
 
 const char * name(Peer peer) {
     switch (peer) {
@@ -51,6 +55,7 @@ const char * name(Peer peer) {
         case Peer::ResetWhileHostSends: return "reset while the host sends";
         case Peer::HalfHandshakeThenClose: return "half a handshake then close";
         case Peer::DieMidTransfer: return "die mid-transfer";
+        case Peer::Silent: return "silent";
     }
     return "?";
 }
@@ -90,6 +95,8 @@ void behave(Peer peer, int fd) {
             resetAndClose(fd);
             return;
         }
+        case Peer::Silent:  // HostileServer holds it open
+            return;
     }
 }
 
@@ -105,7 +112,9 @@ public:
                     continue;
                 }
                 int client = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
-                if (client >= 0) {
+                if (client >= 0 && m_peer == Peer::Silent) {
+                    m_held.push_back(client);
+                } else if (client >= 0) {
                     behave(m_peer, client);
                 }
             }
@@ -114,6 +123,9 @@ public:
     ~HostileServer() {
         m_stop = true;
         m_thread.join();
+        for (int held : m_held) {
+            close(held);
+        }
         close(m_fd);
     }
     unsigned short port() const { return m_port; }
@@ -123,6 +135,7 @@ private:
     int m_fd;
     unsigned short m_port = 0;
     std::atomic<bool> m_stop{false};
+    std::vector<int> m_held;  // the server thread's, until the destructor
     std::thread m_thread;
 };
 
@@ -249,6 +262,73 @@ TEST_F(Hostile, ServerSurvivesEveryClientOnEveryScheme) {
         // A failure is worth a line, not a flood.
         EXPECT_LE(log.events().size(), static_cast<std::size_t>(3 * hostile));
         log.clear();
+    }
+}
+
+long long millisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Slow clients: the start of a handshake and then nothing, or a byte every 50 ms. The silence
+// sweep restarts at each byte; HandshakeTimeout ends both on the limit all the same.
+TEST_F(Hostile, StalledHandshakeEndsOnTheLimitOnEveryServerScheme) {
+    for (const std::string scheme : {"ssl", "https", "ws", "wss"}) {
+        const bool tls = scheme != "ws";
+        // A TLS record header announcing 16 KiB, or an upgrade request inside a header.
+        const std::string opening = tls ? std::string("\x16\x03\x01\x40\x00", 5) : "GET / HTTP/1.1\r\nX-Slow: ";
+        unsigned short port = 0;
+        close(corvane_test::LoopbackListen(port));
+        const std::string uri = scheme + "://127.0.0.1:" + std::to_string(port) + "/";
+        Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+        Common::SmartPtr<net::IChannelServer> server(factory->startChannelServer(
+            reactor.get(), uri.c_str(), acceptor.get(), (serverOptions() + ";HandshakeTimeout=300").c_str()));
+        ASSERT_TRUE(server);
+        const int listening = corvane_test::CountOpenDescriptors();
+        for (bool drip : {false, true}) {
+            SCOPED_TRACE(scheme + (drip ? ": drip" : ": silent"));
+            int fd = corvane_test::LoopbackConnect(port);
+            ASSERT_GE(fd, 0);
+            const auto start = std::chrono::steady_clock::now();
+            ASSERT_EQ(static_cast<ssize_t>(opening.size()), send(fd, opening.data(), opening.size(), MSG_NOSIGNAL));
+            bool ended = false;
+            for (int round = 0; round < 40 && !ended; ++round) {
+                if (drip) {
+                    (void)!send(fd, tls ? "\x01" : "a", 1, MSG_NOSIGNAL);
+                }
+                pollfd entry{fd, POLLIN, 0};
+                char buffer[512];
+                const ssize_t n = poll(&entry, 1, 50) > 0 ? recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) : 1;
+                ended = n == 0 || (n < 0 && errno != EAGAIN);
+            }
+            EXPECT_TRUE(ended);
+            EXPECT_GE(millisecondsSince(start), 250);
+            EXPECT_LT(millisecondsSince(start), 1500);
+            close(fd);
+        }
+        EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= listening; }));
+        server->close();
+    }
+}
+
+// A target that accepts and never answers holds no opening beyond ConnectTimeout, whatever
+// handshake the scheme waits for.
+TEST_F(Hostile, SilentTargetEndsOpenChannelOnConnectTimeout) {
+    HostileServer silent(Peer::Silent);
+    for (const std::string scheme : {"ssl", "https", "ws", "wss"}) {
+        SCOPED_TRACE(scheme);
+        const std::string uri = scheme + "://127.0.0.1:" + std::to_string(silent.port()) + "/";
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        const auto start = std::chrono::steady_clock::now();
+        const std::string text = corvane_test::thrownText([&] {
+            factory->openChannel(reactor.get(), uri.c_str(), handler.get(),
+                                 (clientOptions() + ";EnableProxy=false;ConnectTimeout=300").c_str());
+        });
+        // The TLS handshake names the limit; the WebSocket one keeps its text of old.
+        EXPECT_TRUE(text.find("not done within ConnectTimeout=300 ms") != std::string::npos ||
+                    text.find("timeout while waiting for connection handshake") != std::string::npos)
+            << text;
+        EXPECT_GE(millisecondsSince(start), 250);
+        EXPECT_LT(millisecondsSince(start), 1500);
     }
 }
 

@@ -148,22 +148,26 @@ public:
 };
 
 const char * const kServeUsage =
-    "usage: corvane serve URI [--echo|--discard] [--options TEXT]\n"
+    "usage: corvane serve URI [--echo|--discard] [--options TEXT] [--handshake-timeout MS]\n"
     "\n"
     "Starts a channel server on URI (e.g. tcp://127.0.0.1:7000; port 0 picks a free one),\n"
     "prints 'listening on URI' with the real address, and serves until SIGINT or SIGTERM.\n"
     "  --echo          send back what each connection sends (the default)\n"
     "  --discard       read and drop what each connection sends\n"
-    "  --options TEXT  the option text of the server, key=value;key=value\n";
+    "  --options TEXT  the option text of the server, key=value;key=value\n"
+    "  --handshake-timeout MS  drop a connection whose TLS handshake or WebSocket upgrade is not\n"
+    "                  done within MS milliseconds (default 10000; 0: no limit)\n";
 
 const char * const kConnectUsage =
-    "usage: corvane connect URI [--options TEXT] [--wait MS] [--stats]\n"
+    "usage: corvane connect URI [--options TEXT] [--wait MS] [--connect-timeout MS] [--stats]\n"
     "\n"
     "Opens a channel to URI and joins it to stdin and stdout, like nc: what stdin gives is\n"
     "sent, what the peer sends is written to stdout. It ends when the peer closes; after\n"
     "the end of stdin it waits until the peer closes or sends nothing for MS milliseconds\n"
     "(default 1000). SIGINT or SIGTERM end it at once.\n"
     "  --options TEXT  the option text of the channel, key=value;key=value\n"
+    "  --connect-timeout MS  give up a connection (each proxy, then directly) that is not open\n"
+    "                  within MS milliseconds, handshakes included (default 30000; 0: no limit)\n"
     "  --stats         print the bytes sent and received and the rate to stderr at the end\n";
 
 bool wantsHelp(const std::vector<std::string> & args) {
@@ -188,6 +192,7 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     }
     std::string uri;
     std::string options;
+    std::string handshakeTimeout = kHandshakeTimeoutDefault;
     bool echo = true;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--echo") {
@@ -196,6 +201,8 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
             echo = false;
         } else if (args[i] == "--options") {
             options = optionValue(args, i);
+        } else if (args[i] == "--handshake-timeout") {
+            handshakeTimeout = millisecondsValue(args, i);
         } else if (args[i].rfind("--", 0) == 0 || !uri.empty()) {
             throw UsageError("serve: unexpected argument '" + args[i] + "'");
         } else {
@@ -205,6 +212,7 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     if (uri.empty()) {
         throw UsageError("serve: a URI to listen on is needed");
     }
+    options = withTimeLimit(options, "HandshakeTimeout", handshakeTimeout);
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
     Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
     reactor->startProcessing();
@@ -231,11 +239,14 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
     }
     std::string uri;
     std::string options;
+    std::string connectTimeout = kConnectTimeoutDefault;
     int waitMilliseconds = 1000;
     bool stats = false;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--options") {
             options = optionValue(args, i);
+        } else if (args[i] == "--connect-timeout") {
+            connectTimeout = millisecondsValue(args, i);
         } else if (args[i] == "--wait") {
             std::string value = optionValue(args, i);
             try {
@@ -258,6 +269,7 @@ int commandConnect(const Context & context, const std::vector<std::string> & arg
     if (uri.empty()) {
         throw UsageError("connect: a URI to connect to is needed");
     }
+    options = withTimeLimit(options, "ConnectTimeout", connectTimeout);
 
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
     Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));

@@ -1,5 +1,6 @@
 #include "host.h"
 
+#include <algorithm>
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
@@ -191,6 +192,29 @@ std::string optionValue(const std::vector<std::string> & args, size_t & i) {
         throw UsageError(args[i] + " needs a value");
     }
     return args[++i];
+}
+
+std::string withTimeLimit(const std::string & options, const char * key, const std::string & milliseconds) {
+    // The library's grammar: items split at ";", the key ends at the first "=".
+    for (size_t from = 0; from <= options.size();) {
+        const size_t end = std::min(options.find(';', from), options.size());
+        const std::string item = options.substr(from, end - from);
+        if (item.substr(0, item.find('=')) == key) {
+            return options;
+        }
+        from = end + 1;
+    }
+    const bool separated = options.empty() || options.back() == ';';
+    return options + (separated ? "" : ";") + key + "=" + milliseconds;
+}
+
+std::string millisecondsValue(const std::vector<std::string> & args, size_t & i) {
+    const std::string name = args[i];
+    const std::string value = optionValue(args, i);
+    if (value.empty() || value.size() > 8 || value.find_first_not_of("0123456789") != std::string::npos) {
+        throw UsageError(name + " needs a number of milliseconds (0: no limit), not '" + value + "'");
+    }
+    return value;
 }
 
 void configureLogging(const std::string & level, const std::string & configFile) {

@@ -81,6 +81,17 @@ std::string connectFailure(const std::string & uri, const std::exception & failu
 // The value that follows args[i] (which names an option), or UsageError.
 std::string optionValue(const std::vector<std::string> & args, size_t & i);
 
+// The host's time limits in milliseconds, where the library has none: the TLS handshake and
+// WebSocket upgrade of an accepted connection (HandshakeTimeout, for serve, tunnel and run), and
+// each route of an outgoing connection (ConnectTimeout, for connect, tunnel and run).
+constexpr const char * kHandshakeTimeoutDefault = "10000";
+constexpr const char * kConnectTimeoutDefault = "30000";
+// `options` with "key=milliseconds" added, unless the text names `key` itself: that one wins.
+std::string withTimeLimit(const std::string & options, const char * key, const std::string & milliseconds);
+// The value that follows args[i] (--handshake-timeout, --connect-timeout MS): a whole number
+// of milliseconds (0: no limit), or UsageError.
+std::string millisecondsValue(const std::vector<std::string> & args, size_t & i);
+
 // A console appender on stderr at `level` (TRACE..FATAL, OFF), or the properties file.
 void configureLogging(const std::string & level, const std::string & configFile);
 

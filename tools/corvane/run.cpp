@@ -38,13 +38,13 @@ const char * const kRunUsage =
     "  [NAME]                      a tunnel\n"
     "  listen = URI\n"
     "  target = URI\n"
-    "  listen-options = TEXT       key=value;key=value\n"
-    "  target-options = TEXT\n"
+    "  listen-options = TEXT       key=value;key=value; HandshakeTimeout=MS defaults to 10000\n"
+    "  target-options = TEXT       ConnectTimeout=MS defaults to 30000\n"
     "  buffer-size = BYTES         default 1048576\n"
     "  [NAME]                      a server\n"
     "  serve = URI\n"
     "  mode = echo                 or discard\n"
-    "  options = TEXT\n";
+    "  options = TEXT              HandshakeTimeout=MS defaults to 10000\n";
 
 // The line logged when a tunnel connection ends: kept at INFO by the quiet default.
 const char * const kConnectionCategory = "corvane.net.TunnelConnection";
@@ -121,14 +121,19 @@ public:
         try {
             if (section.server) {
                 running.acceptor = makeServeAcceptor(section.echo);
+                // The host's time limits unless the section's option text sets them.
+                const std::string options = withTimeLimit(section.options, "HandshakeTimeout", kHandshakeTimeoutDefault);
                 running.server = m_factory->startChannelServer(m_reactors[reactor].get(), section.serve.c_str(),
-                                                               running.acceptor.get(), section.options.c_str());
+                                                               running.acceptor.get(), options.c_str());
                 running.localURI = running.server->getLocalURI();
             } else {
                 running.store = m_module->createTunnelStore(m_reactors[reactor].get(), m_factory.get(), section.bufferSize);
-                net::ITunnelService * service =
-                    running.store->startTunnel(section.listen.c_str(), section.listenOptions.c_str(),
-                                               section.target.c_str(), section.targetOptions.c_str());
+                const std::string listenOptions =
+                    withTimeLimit(section.listenOptions, "HandshakeTimeout", kHandshakeTimeoutDefault);
+                const std::string targetOptions =
+                    withTimeLimit(section.targetOptions, "ConnectTimeout", kConnectTimeoutDefault);
+                net::ITunnelService * service = running.store->startTunnel(
+                    section.listen.c_str(), listenOptions.c_str(), section.target.c_str(), targetOptions.c_str());
                 running.localURI = service->getLocalURI();
             }
         } catch (const std::exception & e) {

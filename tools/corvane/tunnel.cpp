@@ -12,7 +12,7 @@ namespace {
 
 const char * const kTunnelUsage =
     "usage: corvane tunnel LISTEN_URI TARGET_URI [--listen-options TEXT] [--target-options TEXT]\n"
-    "                      [--buffer-size BYTES]\n"
+    "                      [--buffer-size BYTES] [--handshake-timeout MS] [--connect-timeout MS]\n"
     "\n"
     "Listens on LISTEN_URI and forwards every connection that comes in to a new connection to\n"
     "TARGET_URI, both ways, until SIGINT or SIGTERM. Prints 'listening on URI' (with the real port\n"
@@ -20,7 +20,11 @@ const char * const kTunnelUsage =
     "\n"
     "  --listen-options TEXT   option text of the listening side (key=value;key=value)\n"
     "  --target-options TEXT   option text of each outgoing connection\n"
-    "  --buffer-size BYTES     buffer of each direction of each connection (default 1048576)\n";
+    "  --buffer-size BYTES     buffer of each direction of each connection (default 1048576)\n"
+    "  --handshake-timeout MS  drop an incoming connection whose TLS handshake or WebSocket upgrade\n"
+    "                          is not done within MS milliseconds (default 10000; 0: no limit)\n"
+    "  --connect-timeout MS    give up an outgoing connection (each proxy, then directly) that is not\n"
+    "                          open within MS milliseconds, handshakes included (default 30000; 0: none)\n";
 
 unsigned int parseBufferSize(const std::string & text) {
     char * end = nullptr;
@@ -38,6 +42,8 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
     std::vector<std::string> positional;
     std::string listenOptions;
     std::string targetOptions;
+    std::string handshakeTimeout = cli::kHandshakeTimeoutDefault;
+    std::string connectTimeout = cli::kConnectTimeoutDefault;
     unsigned int bufferSize = 0x100000;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string & arg = args[i];
@@ -49,6 +55,10 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
             listenOptions = cli::optionValue(args, i);
         } else if (arg == "--target-options") {
             targetOptions = cli::optionValue(args, i);
+        } else if (arg == "--handshake-timeout") {
+            handshakeTimeout = cli::millisecondsValue(args, i);
+        } else if (arg == "--connect-timeout") {
+            connectTimeout = cli::millisecondsValue(args, i);
         } else if (arg == "--buffer-size") {
             bufferSize = parseBufferSize(cli::optionValue(args, i));
         } else if (arg.rfind("--", 0) == 0) {
@@ -60,6 +70,8 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
     if (positional.size() != 2) {
         throw cli::UsageError("tunnel needs LISTEN_URI and TARGET_URI");
     }
+    listenOptions = cli::withTimeLimit(listenOptions, "HandshakeTimeout", handshakeTimeout);
+    targetOptions = cli::withTimeLimit(targetOptions, "ConnectTimeout", connectTimeout);
 
     Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(cli::hostSocketOptions()));
