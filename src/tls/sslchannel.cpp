@@ -392,7 +392,13 @@ int SSLChannel::recv(int length, void * buffer) {
     errno = savedErrno;
     const std::string text = tools::sslErrorText(error, "SSL_read", &code);
     if (code != tools::kWouldBlock) {
-        LOG4CXX_ERROR(logger, "recv: unable to read from ssl socket: " << text);
+        // The peer's close_notify, or its end without one, is an ordinary end of the
+        // connection; anything else is a failure worth an error.
+        if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SYSCALL && code == 0)) {
+            LOG4CXX_DEBUG(logger, "recv: unable to read from ssl socket: " << text);
+        } else {
+            LOG4CXX_ERROR(logger, "recv: unable to read from ssl socket: " << text);
+        }
         return -1;
     }
     LOG4CXX_WARN(logger, "recv: unable to read from ssl socket, EWOULDBLOCK, while NO bytes read through SSL");
@@ -405,8 +411,9 @@ int SSLChannel::send(int length, const void * buffer) {
     if (m_ssl != nullptr && m_socket == socketio::INVALID_SOCKET_HANDLE) {
         terminateConnection_i();
     }
-    if (m_ssl == nullptr) {
-        // After close(), or after the connection ended: refused rather than a use of freed memory.
+    if (m_ssl == nullptr || m_sendFailed) {
+        // After close(), or after the connection ended or failed: refused rather than a use of
+        // freed memory or another failure line.
         LOG4CXX_DEBUG(logger, "send: the channel is closed");
         return -1;
     }
@@ -451,7 +458,13 @@ int SSLChannel::send(int length, const void * buffer) {
         LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket, EWOULDBLOCK, returning " << result);
         return result;
     }
-    LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
+    m_sendFailed = true;
+    if (error == SSL_ERROR_ZERO_RETURN) {
+        // The peer's close_notify came first: an ordinary end, which the read side reports.
+        LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket: " << text);
+    } else {
+        LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
+    }
     return -1;
 }
 

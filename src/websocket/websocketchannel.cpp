@@ -273,10 +273,16 @@ bool WebSocketChannel::flushWriteToSocket_i() {
         // another connection by now, so nothing is written, not even a close frame.
         return false;
     }
+    if (m_bSendFailed) {
+        // Said once already: the channel ends at its next event.
+        return false;
+    }
     const int n = sendOutput_i();
     LOG4CXX_TRACE(m_log, "flushWriteToSocket[" << m_strDescription << "]: " << senderName() << "() -> " << n << " bytes");
     if (n < 0) {
-        LOG4CXX_ERROR(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        // The bottom layer has given the cause in its own line.
+        LOG4CXX_DEBUG(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        m_bSendFailed = true;
         return false;
     }
     return true;
@@ -304,7 +310,16 @@ int WebSocketChannel::send(int nMaxSize, const void * data) {
     }
     // The socket is closed through closeSocket, under m_SendMutex, which sendLocked holds: the
     // socket that is written is still this one.
-    const int sent = sendLocked(nMaxSize, data, outputLeft);
+    int sent;
+    try {
+        sent = sendLocked(nMaxSize, data, outputLeft);
+    } catch (...) {
+        // The reactor ends the channel at its next write event: at once, not after its wait.
+        if (m_homeReactor) {
+            m_homeReactor->wakeUp();
+        }
+        throw;
+    }
     // What the socket did not take waits in the ring for the reactor's write events: a running
     // wait would otherwise ask for them only after its time-out. Outside the send lock, which
     // the reactor thread takes under its own lock.
@@ -321,10 +336,10 @@ bool WebSocketChannel::onReactorThread() const {
 int WebSocketChannel::sendLocked(int nMaxSize, const void * data, bool & outputLeft) {
     LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
-    if (!m_Connection || m_bEnded || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
-        // Never opened, or the reactor or close() has let go of the socket: the connection
-        // has failed as far as the sender is concerned, and a sender waiting for room would
-        // otherwise wait for ever.
+    if (!m_Connection || m_bEnded || m_bSendFailed || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+        // Never opened, failed, or the reactor or close() has let go of the socket: the
+        // connection has failed as far as the sender is concerned, and a sender waiting for
+        // room would otherwise wait for ever.
         return -1;
     }
     const std::int64_t writable = m_OutputBuffer.writeAvailable();
@@ -437,8 +452,12 @@ short WebSocketChannel::getEventMask() noexcept {
     try {
         if (!m_ReadMessageBuffer.empty()) {
             // Messages wait for the handler: the socket is not read meanwhile, which is the
-            // channel's flow control towards the peer.
-            mask = socketio::SELECT_EVENT_PENDING;
+            // channel's flow control towards the peer. While the handler has no room nothing
+            // is asked for them either (an event due at once would spin the reactor): the
+            // next cycle after its room comes back delivers them.
+            if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
+                mask = socketio::SELECT_EVENT_PENDING;
+            }
         } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
             mask = socketio::SELECT_EVENT_READ;
             if (inputPending()) {

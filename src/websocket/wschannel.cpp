@@ -244,6 +244,11 @@ void WSChannel::learnReactor_i() {
 }
 
 bool WSChannel::wantsRead() {
+    // A full output stops the reading as well: each control frame read may add an answer to it.
+    return !m_bBelowFailed && !outputFull() && handlerWantsRead();
+}
+
+bool WSChannel::handlerWantsRead() {
     Common::SmartPtr<net::IChannelHandler> current = handler();
     auto * interest = dynamic_cast<socketio::IReadInterest *>(current.get());
     try {
@@ -256,7 +261,8 @@ bool WSChannel::wantsRead() {
 }
 
 bool WSChannel::hasPendingWrite() {
-    if (m_nTotalBytesPending != 0) {
+    // A failed channel below asks for the write event that ends this channel.
+    if (m_bBelowFailed || m_nTotalBytesPending != 0) {
         return true;
     }
     if (m_bClosing || !m_bOpen) {
@@ -271,7 +277,7 @@ bool WSChannel::hasPendingWrite() {
     }
     // Messages the handler did not take yet: a write event brings them to it again, as the
     // peer may send nothing more that would.
-    if (!m_ReadBuffer.empty() && wantsRead()) {
+    if (!m_ReadBuffer.empty() && handlerWantsRead()) {
         return true;
     }
     try {
@@ -288,7 +294,7 @@ bool WSChannel::keepAliveDue() {
         return false;
     }
     const std::uint64_t now = Common::GetTickCount64();
-    if (!wantsRead()) {
+    if (!handlerWantsRead()) {
         // Nothing is read for the handler meanwhile: the peer's silence cannot be told from that.
         m_KeepAlive.heard(now);
         return false;
@@ -383,8 +389,8 @@ int WSChannel::send(int nMaxSize, const void * data) {
     int sent = 0;
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        if (!m_Connection || (m_bHandshakeDone && !m_bOpen)) {
-            // Never opened, or ended: a sender waiting for room would wait for ever.
+        if (!m_Connection || (m_bHandshakeDone && !m_bOpen) || m_bBelowFailed) {
+            // Never opened, ended, or failed below: a sender waiting for room would wait for ever.
             return -1;
         }
         if (!m_bOpen) {
@@ -410,15 +416,20 @@ int WSChannel::send(int nMaxSize, const void * data) {
             }
             throw InternalException(e.what());
         }
+        if (m_bBelowFailed) {
+            // The channel below failed under this send: the reactor ends this channel.
+            reactor = m_Reactor;
+            sent = -1;
+        }
         // On the reactor thread the masks are asked again after this dispatch anyway, and the
         // reactor's lock must not be taken under the handler's own locks there.
-        if (m_nTotalBytesPending != 0 && std::this_thread::get_id() != m_ReactorThread.load()) {
+        if ((m_nTotalBytesPending != 0 || m_bBelowFailed) && std::this_thread::get_id() != m_ReactorThread.load()) {
             reactor = m_Reactor;
         }
     }
     // Output waits for the reactor's write events; a running wait would ask for them only
     // after its time-out.
-    if (reactor) {
+    if (reactor && std::this_thread::get_id() != m_ReactorThread.load()) {
         reactor->wakeUp();
     }
     return sent;
@@ -426,7 +437,8 @@ int WSChannel::send(int nMaxSize, const void * data) {
 
 std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
     LOG4CXX_TRACE(logger, "onWebSocketWrite[" << m_strDescription << "]( size = " << size << " )");
-    if (!m_UnderlyingChannel) {
+    if (!m_UnderlyingChannel || m_bBelowFailed) {
+        // Nothing can be delivered any more: the output is dropped, not kept.
         return std::error_code();
     }
     int n = 0;
@@ -439,8 +451,13 @@ std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * da
             n = -1;
         }
     }
-    // A failed send (negative) counts as all sent: the failure shows on the read side below.
-    if (static_cast<std::size_t>(static_cast<unsigned int>(n)) < size) {
+    if (n < 0) {
+        // The channel below has said why, once; this channel ends at its next write event
+        // (the read side may never come: a peer that reads nothing is not read from either).
+        failBelow_i();
+        return std::error_code();
+    }
+    if (static_cast<std::size_t>(n) < size) {
         m_WriteBuffer.emplace_back(data + n, data + size);
         m_nTotalBytesPending += static_cast<unsigned int>(size - static_cast<std::size_t>(n));
         LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
@@ -461,7 +478,7 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         learnReactor_i();
         // Before the drain: a ping joins the queue behind what waits already.
-        alive = keepAlive_i();
+        alive = !m_bBelowFailed && keepAlive_i();
         while (alive && m_nTotalBytesPending != 0) {
             std::string & first = m_WriteBuffer.front();
             int n;
@@ -472,7 +489,9 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
                 n = -1;
             }
             if (n < 0) {
-                n = 0;
+                failBelow_i();
+                alive = false;
+                break;
             }
             m_nTotalBytesPending -= static_cast<unsigned int>(n);
             if (static_cast<std::size_t>(n) < first.size()) {
@@ -495,6 +514,12 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         }
     }
     finishDeferred();
+}
+
+void WSChannel::failBelow_i() {
+    m_bBelowFailed = true;
+    m_WriteBuffer.clear();
+    m_nTotalBytesPending = 0;
 }
 
 void WSChannel::onClose() {
