@@ -19,6 +19,12 @@ const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.ssl.SSLChannel");
 // What the reactor's read event turned out to be.
 enum class ReadOutcome { Deliver, PeerClosed, Failed, ClosedByOwner };
 
+// A socket error that means the peer has gone: reset, a write after its end, or (0) an end
+// without close_notify.
+bool peerGone(int code) {
+    return code == 0 || code == ECONNRESET || code == EPIPE;
+}
+
 // Inside a catch block: the words the reactor uses for an exception out of a subscriber.
 void logCaughtException() noexcept {
     try {
@@ -250,7 +256,12 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
                         errno = savedErrno;
                         const std::string text = tools::sslErrorText(error, "SSL_peek", &code);
                         if (code != tools::kWouldBlock) {
-                            LOG4CXX_WARN(logger, "onEvents[" << m_description << "]: " << text);
+                            // A failed send has told of this end already.
+                            if (m_sendFailed) {
+                                LOG4CXX_DEBUG(logger, "onEvents[" << m_description << "]: " << text);
+                            } else {
+                                LOG4CXX_WARN(logger, "onEvents[" << m_description << "]: " << text);
+                            }
                             terminateConnection_i();
                             outcome = ReadOutcome::Failed;
                         }
@@ -462,6 +473,9 @@ int SSLChannel::send(int length, const void * buffer) {
     if (error == SSL_ERROR_ZERO_RETURN) {
         // The peer's close_notify came first: an ordinary end, which the read side reports.
         LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket: " << text);
+    } else if (error == SSL_ERROR_SYSCALL && peerGone(code)) {
+        // The peer reset or left (after its data, or killed): its doing, not the host's error.
+        LOG4CXX_WARN(logger, "send: unable to send through ssl socket: " << text);
     } else {
         LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
     }

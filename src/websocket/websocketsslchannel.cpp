@@ -120,6 +120,9 @@ int ssl_send(SSL * ssl, OutputRing & buffer, const char *& wantWritePos, unsigne
     if (e == SSL_ERROR_ZERO_RETURN) {
         // The peer's close_notify came first: an ordinary end, which the read side reports.
         LOG4CXX_DEBUG(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
+    } else if (e == SSL_ERROR_SYSCALL && (savedErrno == 0 || savedErrno == ECONNRESET || savedErrno == EPIPE)) {
+        // The peer reset or left: its doing, not the host's error.
+        LOG4CXX_WARN(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
     } else {
         LOG4CXX_ERROR(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
     }

@@ -503,6 +503,12 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         }
     }
     if (!alive) {
+        Common::SmartPtr<net::IChannelHandler> current = handler();
+        if (m_bBelowFailed && current && current->hasPendingWrite()) {
+            // A handler with output learns of the failure from its send, as on any channel
+            // whose send fails (a tunnel then ends both of its sides at once).
+            current->onWrite(this);
+        }
         endWithError("onWrite");
         return;
     }
@@ -615,7 +621,8 @@ void WSChannel::onWebSocketClose(std::weak_ptr<void> hdl) {
     } catch (const websocketpp::exception &) {
     }
     const bool normal = code == websocketpp::close::status::normal;
-    if (normal) {
+    // After a failed send below, whose line gave the cause, the end is no news.
+    if (normal || m_bBelowFailed) {
         LOG4CXX_INFO(logger, "onWebSocketClose[" << m_strDescription << "](): (" << code << ") "
                                                  << websocketpp::close::status::get_string(code) << ": " << reason);
     } else {
