@@ -1,6 +1,7 @@
 #include "tls/ssltransportprotocol.h"
 
 #include <openssl/err.h>
+#include <openssl/x509.h>
 
 #include "common/handover.h"
 #include "common/logging.h"
@@ -104,8 +105,17 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     // Blocking, with no time limit: the socket is still in blocking mode.
     result = SSL_connect(guard.ssl);
     if (result <= 0) {
-        throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
-                                true);
+        std::string text = tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr);
+        // "certificate verify failed" alone does not tell an expired certificate from an
+        // untrusted one: the verification's own reason does (SSL_get_verify_result(3)).
+        const long verified = SSL_get_verify_result(guard.ssl);
+        if (verified != X509_V_OK) {
+            while (!text.empty() && text.back() == '\n') {
+                text.pop_back();
+            }
+            text += std::string(" (") + X509_verify_cert_error_string(verified) + ")";
+        }
+        throw InternalException(text.c_str(), true);
     }
     // NoCertify accepts any certificate, and so any name on it: the name check is part of
     // verifying the server.

@@ -12,6 +12,7 @@
 #include "common/timedelta.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
+#include "websocket/handshakeerror.h"
 #include "websocket/internalexception.h"
 
 namespace websocket {
@@ -129,9 +130,19 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
         processUntil([this] { return m_bHandshakeDone; });
         if (!m_bOpen) {
             std::string text;
+            bool failed;
             {
                 std::lock_guard<std::mutex> guard(m_SendMutex);
-                text = m_Connection->get_ec().message();
+                failed = static_cast<bool>(m_Connection->get_ec());
+                text = HandshakeFailureText(m_Connection);
+            }
+            // Open, then ended before this returned: a violation in the bytes that came with
+            // the 101, or the peer's end; the engine's code then says only "Success".
+            const std::string violation = violationCause();
+            if (!violation.empty()) {
+                text = "the peer broke the WebSocket protocol " + violation;
+            } else if (!failed) {
+                text = "the connection ended during the handshake";
             }
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
@@ -205,11 +216,33 @@ void WebSocketChannel::endInput() {
     endEngineInput();
 }
 
+std::string WebSocketChannel::violationCause() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection) {
+        return std::string();
+    }
+    // The engine answers a peer's protocol violation with a close frame of its own whose
+    // code names the violation (RFC 6455, 7.4.1); the host's own close says "normal".
+    const auto code = m_Connection->get_local_close_code();
+    namespace status = websocketpp::close::status;
+    if (code == status::blank || code == status::normal || code == status::going_away ||
+        code == status::no_status || code == status::abnormal_close) {
+        return std::string();
+    }
+    return "(" + std::to_string(code) + ") " + status::get_string(code) + ": " + m_Connection->get_local_close_reason();
+}
+
 void WebSocketChannel::reportEnd(net::IChannelHandler * handler, bool error) {
     if (handler == nullptr || m_bEndReported) {
         return;
     }
     m_bEndReported = true;
+    const std::string violation = violationCause();
+    if (!violation.empty()) {
+        // The one line of this failure: the peer's close or end that follows is its consequence.
+        LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: the peer broke the WebSocket protocol " << violation);
+        error = true;
+    }
     if (error) {
         handler->onError();
     } else {

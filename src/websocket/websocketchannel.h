@@ -110,6 +110,9 @@ protected:
     void endInput();
     // Reactor thread: tells the handler (if any) of the end of the connection, once.
     void reportEnd(net::IChannelHandler * handler, bool error);
+    // The close code and reason the engine sent for a protocol violation of the peer; empty
+    // when there was none. Takes m_SendMutex.
+    std::string violationCause();
 
     const log4cxx::LoggerPtr & m_log;
 

@@ -194,13 +194,16 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
             }
             if (e != SSL_ERROR_WANT_READ) {
                 int code = 0;
+                // OpenSSL 3 reports a peer that went without close_notify as a TLS error.
+                const bool peerGone = e == SSL_ERROR_SYSCALL ||
+                                      ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
                 errno = savedErrno;
                 const std::string text = tools::sslErrorText(e, "SSL_peek", &code);
                 if (code == tools::kWouldBlock) {
                     return true;
                 }
                 guard.unlock();
-                if (e == SSL_ERROR_SYSCALL) {
+                if (peerGone) {
                     LOG4CXX_INFO(m_log, "read event failed:" << text);
                 } else {
                     LOG4CXX_ERROR(m_log, "read event failed:" << text);

@@ -10,6 +10,7 @@
 #include "common/timedelta.h"
 #include "corvane/uri.h"
 #include "socketio/iselecteventsubscriber.h"
+#include "websocket/handshakeerror.h"
 #include "websocket/internalexception.h"
 
 namespace websocket {
@@ -106,7 +107,7 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
         }
         if (!m_bOpen || m_bBelowEnded) {
             // A peer that closed during the handshake has taken the connection with it.
-            std::string text = m_Connection && !m_bBelowEnded ? m_Connection->get_ec().message()
+            std::string text = m_Connection && !m_bBelowEnded ? HandshakeFailureText(m_Connection)
                                                               : "connection closed during the handshake";
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
