@@ -436,11 +436,21 @@ int WSChannel::send(int nMaxSize, const void * data) {
     return sent;
 }
 
-std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
+std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void> hdl, const char * data, std::size_t size) {
     LOG4CXX_TRACE(logger, "onWebSocketWrite[" << m_strDescription << "]( size = " << size << " )");
     if (!m_UnderlyingChannel || m_bBelowFailed) {
         // Nothing can be delivered any more: the output is dropped, not kept.
         return std::error_code();
+    }
+    std::string refusal;
+    if (!m_bHandshakeDone && versionMissing(hdl)) {
+        // An upgrade without Sec-WebSocket-Version is taken by the engine for the draft before
+        // RFC 6455, which it fails with 500 before any handler is asked: the client is told
+        // the version spoken here instead (RFC 6455, 4.4).
+        LOG4CXX_INFO(logger, "upgrade without Sec-WebSocket-Version refused on " << m_strDescription);
+        refusal = "HTTP/1.1 426 Upgrade Required\r\nSec-WebSocket-Version: 13\r\nContent-Length: 0\r\n\r\n";
+        data = refusal.data();
+        size = refusal.size();
     }
     int n = 0;
     if (m_WriteBuffer.empty()) {
@@ -521,6 +531,16 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         }
     }
     finishDeferred();
+}
+
+bool WSChannel::versionMissing(std::weak_ptr<void> hdl) {
+    try {
+        ConnectionPtr con = m_Endpoint.get_con_from_hdl(hdl);
+        return con->get_response_code() == websocketpp::http::status_code::internal_server_error &&
+               !con->get_request_header("Upgrade").empty() && con->get_request_header("Sec-WebSocket-Version").empty();
+    } catch (const websocketpp::exception &) {
+        return false;
+    }
 }
 
 void WSChannel::failBelow_i() {

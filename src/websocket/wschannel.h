@@ -166,6 +166,9 @@ private:
     void terminateConnection_i();
     // m_Mutex held: a send below failed; the queued output is dropped.
     void failBelow_i();
+    // Server role, inside the engine's write of its answer to an upgrade: the engine refused
+    // it for want of a Sec-WebSocket-Version.
+    bool versionMissing(std::weak_ptr<void> hdl);
     // After m_Mutex is let go: closes a channel below that the engine let go of, and tells
     // the user's handler of the end of the connection.
     void finishDeferred();

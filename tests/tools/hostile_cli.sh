@@ -239,4 +239,21 @@ fi
 "$corvane" serve ssl://127.0.0.1:0 --options "$tls" > "$tmp/tls.out" 2> /dev/null & pids+=($!)
 check "connect: a failed verification says why" says "(self-signed certificate)" "ssl://localhost:$(started "$tmp/tls.out")"
 
+no_version() {  # an upgrade without Sec-WebSocket-Version is answered 426 with the version spoken
+    "$corvane" serve ws://127.0.0.1:0 > "$tmp/nv.out" 2> /dev/null & local server=$!
+    python3 - "$(started "$tmp/nv.out")" <<'PY'
+import socket, sys
+s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+s.settimeout(5)
+s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+          b"Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n")
+answer = s.recv(4096)
+sys.exit(0 if answer.startswith(b"HTTP/1.1 426 ") and b"Sec-WebSocket-Version: 13\r\n" in answer else 1)
+PY
+    local status=$?
+    kill "$server"; wait "$server"
+    return $status
+}
+check "serve ws: an upgrade without a version is answered 426" no_version
+
 summary
