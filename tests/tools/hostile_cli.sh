@@ -136,13 +136,14 @@ run_client() {  # run_client PORT MODE [tls]: until the client's socket blocks; 
     for _ in $(seq 100); do grep -q blocked "$tmp/client.out" 2>/dev/null && break; sleep 0.1; done
 }
 quiet_after() {  # quiet_after PID...: once the client is killed, none spins (< 5% over 2 s)
-    kill -9 "$client"; wait "$client" 2>/dev/null; sleep 0.5
-    local pid before=() i=0 status=0
+    kill -9 "$client"; wait "$client" 2>/dev/null; sleep 1
+    local pid before=() i=0 status=0 most=10
+    $instrumented && most=20  # the sanitizers' own work on a loaded machine
     for pid in "$@"; do before+=("$(ticks "$pid")"); done
     sleep 2
     for pid in "$@"; do
         local used=$(( $(ticks "$pid") - before[i++] ))
-        [ "$used" -le 10 ] || { echo "  process $pid used $used ticks in 2 s"; status=1; }
+        [ "$used" -le "$most" ] || { echo "  process $pid used $used ticks in 2 s"; status=1; }
     done
     return $status
 }
