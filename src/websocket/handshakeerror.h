@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include <websocketpp/http/constants.hpp>
 #include <websocketpp/processors/base.hpp>
 #include <websocketpp/utilities.hpp>
 
