@@ -20,6 +20,12 @@ const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.ssl.SSLChannel");
 // What the reactor's read event turned out to be.
 enum class ReadOutcome { Deliver, PeerClosed, Failed, ClosedByOwner };
 
+// A socket error that means the peer has gone: reset, a write after its end, or (0) an end
+// without close_notify.
+bool peerGone(int code) {
+    return code == 0 || code == ECONNRESET || code == EPIPE;
+}
+
 // Inside a catch block: the words the reactor uses for an exception out of a subscriber.
 void logCaughtException() noexcept {
     try {
@@ -271,7 +277,12 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
                         errno = savedErrno;
                         const std::string text = tools::sslErrorText(error, "SSL_peek", &code);
                         if (code != tools::kWouldBlock) {
-                            LOG4CXX_WARN(logger, "onEvents[" << m_description << "]: " << text);
+                            // A failed send has told of this end already.
+                            if (m_sendFailed) {
+                                LOG4CXX_DEBUG(logger, "onEvents[" << m_description << "]: " << text);
+                            } else {
+                                LOG4CXX_WARN(logger, "onEvents[" << m_description << "]: " << text);
+                            }
                             terminateConnection_i();
                             outcome = ReadOutcome::Failed;
                         }
@@ -419,7 +430,13 @@ int SSLChannel::recv(int length, void * buffer) {
     errno = savedErrno;
     const std::string text = tools::sslErrorText(error, "SSL_read", &code);
     if (code != tools::kWouldBlock) {
-        LOG4CXX_ERROR(logger, "recv: unable to read from ssl socket: " << text);
+        // The peer's close_notify, or its end without one, is an ordinary end of the
+        // connection; anything else is a failure worth an error.
+        if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SYSCALL && code == 0)) {
+            LOG4CXX_DEBUG(logger, "recv: unable to read from ssl socket: " << text);
+        } else {
+            LOG4CXX_ERROR(logger, "recv: unable to read from ssl socket: " << text);
+        }
         return -1;
     }
     LOG4CXX_WARN(logger, "recv: unable to read from ssl socket, EWOULDBLOCK, while NO bytes read through SSL");
@@ -432,8 +449,9 @@ int SSLChannel::send(int length, const void * buffer) {
     if (m_ssl != nullptr && m_socket == socketio::INVALID_SOCKET_HANDLE) {
         terminateConnection_i();
     }
-    if (m_ssl == nullptr) {
-        // After close(), or after the connection ended: refused rather than a use of freed memory.
+    if (m_ssl == nullptr || m_sendFailed) {
+        // After close(), or after the connection ended or failed: refused rather than a use of
+        // freed memory or another failure line.
         LOG4CXX_DEBUG(logger, "send: the channel is closed");
         return -1;
     }
@@ -478,7 +496,16 @@ int SSLChannel::send(int length, const void * buffer) {
         LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket, EWOULDBLOCK, returning " << result);
         return result;
     }
-    LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
+    m_sendFailed = true;
+    if (error == SSL_ERROR_ZERO_RETURN) {
+        // The peer's close_notify came first: an ordinary end, which the read side reports.
+        LOG4CXX_DEBUG(logger, "send: unable to send through ssl socket: " << text);
+    } else if (error == SSL_ERROR_SYSCALL && peerGone(code)) {
+        // The peer reset or left (after its data, or killed): its doing, not the host's error.
+        LOG4CXX_WARN(logger, "send: unable to send through ssl socket: " << text);
+    } else {
+        LOG4CXX_ERROR(logger, "send: unable to send through ssl socket: " << text);
+    }
     return -1;
 }
 

@@ -139,6 +139,9 @@ private:
     std::uint64_t m_handshakeDeadline;
     // The handler threw while the reactor asked for its mask: the next event ends the channel.
     bool m_handlerFailed;                      // reactor thread only
+    // A send failed: later sends are refused without another line, so that a handler that
+    // keeps sending into a dead connection cannot fill a disk.
+    bool m_sendFailed = false;                 // GUARDED_BY(m_lock)
     mutable Common::Lock m_lock;
 };
 

@@ -120,6 +120,15 @@ std::string sslErrorText(int sslError, const char * call, int * errorCode) {
             printErrorQueue(stream, first, "SSL_ERROR_SYSCALL");
             break;
         }
+        if (systemError == 0) {
+            // No system error and nothing queued: the peer ended the connection without a
+            // close_notify (SSL_get_error(3), "BUGS"); errno 0 would read "Success".
+            stream << "SSL_ERROR_SYSCALL: the peer ended the connection";
+            if (errorCode != nullptr) {
+                *errorCode = 0;
+            }
+            break;
+        }
         char buffer[256] = {};
         stream << "SSL_ERROR_SYSCALL failed with error code '" << systemError
                << "' : " << systemText(strerror_r(systemError, buffer, sizeof buffer), buffer);

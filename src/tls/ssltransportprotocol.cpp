@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/err.h>
+#include <openssl/x509.h>
 #include <poll.h>
 
 #include <string>
@@ -147,8 +148,17 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     // Blocking: the socket is still in blocking mode; within ConnectTimeout if one is set.
     result = connectWithinTime(guard.ssl, guard.socket, host);
     if (result <= 0) {
-        throw InternalException(tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr).c_str(),
-                                true);
+        std::string text = tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr);
+        // "certificate verify failed" alone does not tell an expired certificate from an
+        // untrusted one: the verification's own reason does (SSL_get_verify_result(3)).
+        const long verified = SSL_get_verify_result(guard.ssl);
+        if (verified != X509_V_OK) {
+            while (!text.empty() && text.back() == '\n') {
+                text.pop_back();
+            }
+            text += std::string(" (") + X509_verify_cert_error_string(verified) + ")";
+        }
+        throw InternalException(text.c_str(), true);
     }
     // NoCertify accepts any certificate, and so any name on it: the name check is part of
     // verifying the server.

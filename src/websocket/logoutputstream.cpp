@@ -41,8 +41,8 @@ namespace {
 // reactor and from every connecting thread, and each copy of a level taken from log4cxx
 // changes a shared count that the sanitizers cannot see log4cxx itself synchronise.
 const log4cxx::LevelPtr kTrace = log4cxx::Level::getTrace();
+const log4cxx::LevelPtr kDebug = log4cxx::Level::getDebug();
 const log4cxx::LevelPtr kInfo = log4cxx::Level::getInfo();
-const log4cxx::LevelPtr kWarn = log4cxx::Level::getWarn();
 const log4cxx::LevelPtr kError = log4cxx::Level::getError();
 }  // namespace
 
@@ -51,10 +51,13 @@ const log4cxx::LevelPtr & accessChannelLevel(unsigned int channel) {
 }
 
 const log4cxx::LevelPtr & errorChannelLevel(unsigned int channel) {
+    // Each endpoint serves one connection: the engine's info, warnings and errors are about
+    // what one peer did (a protocol violation, an end without a close frame), worth a line
+    // for whoever looks into that connection but no error of the host. Only fatal stays one.
     switch (channel) {
-        case 4: return kInfo;
-        case 8: return kWarn;
-        case 16:
+        case 4: return kDebug;
+        case 8:
+        case 16: return kInfo;
         case 32: return kError;
         default: return kTrace;
     }

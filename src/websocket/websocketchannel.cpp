@@ -13,6 +13,7 @@
 #include "socketio/connectabort.h"
 #include "socketio/socketexception.h"
 #include "socketio/socketfunctions.h"
+#include "websocket/handshakeerror.h"
 #include "websocket/internalexception.h"
 
 namespace websocket {
@@ -135,9 +136,19 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
         }
         if (!m_bOpen) {
             std::string text;
+            bool failed;
             {
                 std::lock_guard<std::mutex> guard(m_SendMutex);
-                text = m_Connection->get_ec().message();
+                failed = static_cast<bool>(m_Connection->get_ec());
+                text = HandshakeFailureText(m_Connection);
+            }
+            // Open, then ended before this returned: a violation in the bytes that came with
+            // the 101, or the peer's end; the engine's code then says only "Success".
+            const std::string violation = violationCause();
+            if (!violation.empty()) {
+                text = "the peer broke the WebSocket protocol " + violation;
+            } else if (!failed) {
+                text = "the connection ended during the handshake";
             }
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
@@ -213,11 +224,33 @@ void WebSocketChannel::endInput() {
     endEngineInput();
 }
 
+std::string WebSocketChannel::violationCause() {
+    std::lock_guard<std::mutex> guard(m_SendMutex);
+    if (!m_Connection) {
+        return std::string();
+    }
+    // The engine answers a peer's protocol violation with a close frame of its own whose
+    // code names the violation (RFC 6455, 7.4.1); the host's own close says "normal".
+    const auto code = m_Connection->get_local_close_code();
+    namespace status = websocketpp::close::status;
+    if (code == status::blank || code == status::normal || code == status::going_away ||
+        code == status::no_status || code == status::abnormal_close) {
+        return std::string();
+    }
+    return "(" + std::to_string(code) + ") " + status::get_string(code) + ": " + m_Connection->get_local_close_reason();
+}
+
 void WebSocketChannel::reportEnd(net::IChannelHandler * handler, bool error) {
     if (handler == nullptr || m_bEndReported) {
         return;
     }
     m_bEndReported = true;
+    const std::string violation = violationCause();
+    if (!violation.empty()) {
+        // The one line of this failure: the peer's close or end that follows is its consequence.
+        LOG4CXX_ERROR(m_log, "onEvents[" << m_strDescription << "]: the peer broke the WebSocket protocol " << violation);
+        error = true;
+    }
     if (error) {
         handler->onError();
     } else {
@@ -281,10 +314,16 @@ bool WebSocketChannel::flushWriteToSocket_i() {
         // another connection by now, so nothing is written, not even a close frame.
         return false;
     }
+    if (m_bSendFailed) {
+        // Said once already: the channel ends at its next event.
+        return false;
+    }
     const int n = sendOutput_i();
     LOG4CXX_TRACE(m_log, "flushWriteToSocket[" << m_strDescription << "]: " << senderName() << "() -> " << n << " bytes");
     if (n < 0) {
-        LOG4CXX_ERROR(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        // The bottom layer has given the cause in its own line.
+        LOG4CXX_DEBUG(m_log, "flushWriteToSocket[" << m_strDescription << "]: nSend = " << n);
+        m_bSendFailed = true;
         return false;
     }
     return true;
@@ -312,7 +351,16 @@ int WebSocketChannel::send(int nMaxSize, const void * data) {
     }
     // The socket is closed through closeSocket, under m_SendMutex, which sendLocked holds: the
     // socket that is written is still this one.
-    const int sent = sendLocked(nMaxSize, data, outputLeft);
+    int sent;
+    try {
+        sent = sendLocked(nMaxSize, data, outputLeft);
+    } catch (...) {
+        // The reactor ends the channel at its next write event: at once, not after its wait.
+        if (m_homeReactor) {
+            m_homeReactor->wakeUp();
+        }
+        throw;
+    }
     // What the socket did not take waits in the ring for the reactor's write events: a running
     // wait would otherwise ask for them only after its time-out. Outside the send lock, which
     // the reactor thread takes under its own lock.
@@ -329,10 +377,10 @@ bool WebSocketChannel::onReactorThread() const {
 int WebSocketChannel::sendLocked(int nMaxSize, const void * data, bool & outputLeft) {
     LOG4CXX_TRACE(m_log, "send[" << m_strDescription << "]( nMaxSize = " << nMaxSize << ", data = " << data << " )");
     std::lock_guard<std::mutex> guard(m_SendMutex);
-    if (!m_Connection || m_bEnded || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
-        // Never opened, or the reactor or close() has let go of the socket: the connection
-        // has failed as far as the sender is concerned, and a sender waiting for room would
-        // otherwise wait for ever.
+    if (!m_Connection || m_bEnded || m_bSendFailed || m_hSocket == socketio::INVALID_SOCKET_HANDLE) {
+        // Never opened, failed, or the reactor or close() has let go of the socket: the
+        // connection has failed as far as the sender is concerned, and a sender waiting for
+        // room would otherwise wait for ever.
         return -1;
     }
     const std::int64_t writable = m_OutputBuffer.writeAvailable();
@@ -448,8 +496,12 @@ short WebSocketChannel::getEventMask() noexcept {
     try {
         if (!m_ReadMessageBuffer.empty()) {
             // Messages wait for the handler: the socket is not read meanwhile, which is the
-            // channel's flow control towards the peer.
-            mask = socketio::SELECT_EVENT_PENDING;
+            // channel's flow control towards the peer. While the handler has no room nothing
+            // is asked for them either (an event due at once would spin the reactor): the
+            // next cycle after its room comes back delivers them.
+            if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
+                mask = socketio::SELECT_EVENT_PENDING;
+            }
         } else if (m_pReadInterest == nullptr || m_pReadInterest->wantsRead()) {
             mask = socketio::SELECT_EVENT_READ;
             if (inputPending()) {

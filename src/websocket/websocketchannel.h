@@ -123,6 +123,9 @@ protected:
     void endInput();
     // Reactor thread: tells the handler (if any) of the end of the connection, once.
     void reportEnd(net::IChannelHandler * handler, bool error);
+    // The close code and reason the engine sent for a protocol violation of the peer; empty
+    // when there was none. Takes m_SendMutex.
+    std::string violationCause();
 
     const log4cxx::LoggerPtr & m_log;
 
@@ -200,6 +203,9 @@ protected:
     // neither the engine nor the socket, which may already be closed and its number reused.
     // (The sweep closes the socket first: there the invalid handle tells it.)
     bool m_bEnded;  // GUARDED_BY(m_SendMutex)
+    // The socket refused a write: nothing more is written (nor logged) until the reactor
+    // ends the channel at its next write event.
+    bool m_bSendFailed = false;  // GUARDED_BY(m_SendMutex)
     std::string m_strHandshakeError;
     bool m_bTextMessages = false;
     bool m_bTextDropTold = false;  // reactor thread only

@@ -59,7 +59,13 @@ int ssl_recv(SSL * ssl, char * buffer, int length) {
             LOG4CXX_DEBUG(logger, "ssl_recv: " << text << " after " << count << " bytes, returning them");
             return count;
         }
-        LOG4CXX_ERROR(logger, "ssl_recv: unable to read from ssl socket: " << text);
+        // A peer that resets or goes without close_notify ends its connection, ordinarily
+        // enough; a TLS failure is an error.
+        if (e == SSL_ERROR_SYSCALL) {
+            LOG4CXX_INFO(logger, "ssl_recv: unable to read from ssl socket: " << text);
+        } else {
+            LOG4CXX_ERROR(logger, "ssl_recv: unable to read from ssl socket: " << text);
+        }
         return -1;
     }
     if (count == 0) {
@@ -111,7 +117,15 @@ int ssl_send(SSL * ssl, OutputRing & buffer, const char *& wantWritePos, unsigne
         LOG4CXX_WARN(logger, "ssl_send: ==> SSL_ERROR_WANT_READ-> r = " << r << ", falling through to default case");
     }
     errno = savedErrno;
-    LOG4CXX_ERROR(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
+    if (e == SSL_ERROR_ZERO_RETURN) {
+        // The peer's close_notify came first: an ordinary end, which the read side reports.
+        LOG4CXX_DEBUG(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
+    } else if (e == SSL_ERROR_SYSCALL && (savedErrno == 0 || savedErrno == ECONNRESET || savedErrno == EPIPE)) {
+        // The peer reset or left: its doing, not the host's error.
+        LOG4CXX_WARN(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
+    } else {
+        LOG4CXX_ERROR(logger, "ssl_send: unable to write to ssl socket: " << tools::sslErrorText(e, "SSL_write", nullptr));
+    }
     return -1;
 }
 }  // namespace
@@ -180,13 +194,20 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
             }
             if (e != SSL_ERROR_WANT_READ) {
                 int code = 0;
+                // OpenSSL 3 reports a peer that went without close_notify as a TLS error.
+                const bool peerGone = e == SSL_ERROR_SYSCALL ||
+                                      ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
                 errno = savedErrno;
                 const std::string text = tools::sslErrorText(e, "SSL_peek", &code);
                 if (code == tools::kWouldBlock) {
                     return true;
                 }
                 guard.unlock();
-                LOG4CXX_ERROR(m_log, "read event failed:" << text);
+                if (peerGone) {
+                    LOG4CXX_INFO(m_log, "read event failed:" << text);
+                } else {
+                    LOG4CXX_ERROR(m_log, "read event failed:" << text);
+                }
                 endInput();
                 reportEnd(handler.get(), true);
                 return false;
@@ -204,7 +225,8 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
         return true;
     }
     if (n < 0) {
-        LOG4CXX_ERROR(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: nRecv = " << n);
+        // ssl_recv has given the cause.
+        LOG4CXX_DEBUG(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: nRecv = " << n);
         // The pump of opening and closing must not wait on a connection that has failed.
         endInput();
         return false;

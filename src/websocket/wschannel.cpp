@@ -11,6 +11,7 @@
 #include "corvane/uri.h"
 #include "socketio/connectabort.h"
 #include "socketio/iselecteventsubscriber.h"
+#include "websocket/handshakeerror.h"
 #include "websocket/internalexception.h"
 
 namespace websocket {
@@ -109,7 +110,7 @@ void WSChannel::open(net::IChannel * underlying, const char * szURI, int /*timeo
         }
         if (!m_bOpen || m_bBelowEnded) {
             // A peer that closed during the handshake has taken the connection with it.
-            std::string text = m_Connection && !m_bBelowEnded ? m_Connection->get_ec().message()
+            std::string text = m_Connection && !m_bBelowEnded ? HandshakeFailureText(m_Connection)
                                                               : "connection closed during the handshake";
             if (!m_strHandshakeError.empty()) {
                 text += " : " + m_strHandshakeError;
@@ -277,8 +278,9 @@ void WSChannel::learnReactor_i() {
 
 bool WSChannel::wantsRead() {
     // Messages wait for the handler: the channel below is not read meanwhile, so that the
-    // peer's close frame cannot overtake the data that came before it.
-    return m_ReadBuffer.empty() && handlerWantsRead();
+    // peer's close frame cannot overtake the data that came before it. A full output stops the
+    // reading as well: each control frame read may add an answer to it.
+    return m_ReadBuffer.empty() && !m_bBelowFailed && !outputFull() && handlerWantsRead();
 }
 
 bool WSChannel::handlerWantsRead() {
@@ -303,7 +305,8 @@ bool WSChannel::hasPendingWrite() {
     if (upgradeOverdue()) {
         return true;
     }
-    if (m_nTotalBytesPending != 0) {
+    // A failed channel below asks for the write event that ends this channel.
+    if (m_bBelowFailed || m_nTotalBytesPending != 0) {
         return true;
     }
     // Messages the handler did not take yet, also after the peer's close: a write event
@@ -335,7 +338,7 @@ bool WSChannel::keepAliveDue() {
         return false;
     }
     const std::uint64_t now = Common::GetTickCount64();
-    if (!wantsRead()) {
+    if (!handlerWantsRead()) {
         // Nothing is read for the handler meanwhile: the peer's silence cannot be told from that.
         m_KeepAlive.heard(now);
         return false;
@@ -448,8 +451,8 @@ int WSChannel::send(int nMaxSize, const void * data) {
     int sent = 0;
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        if (!m_Connection || (m_bHandshakeDone && !m_bOpen)) {
-            // Never opened, or ended: a sender waiting for room would wait for ever.
+        if (!m_Connection || (m_bHandshakeDone && !m_bOpen) || m_bBelowFailed) {
+            // Never opened, ended, or failed below: a sender waiting for room would wait for ever.
             return -1;
         }
         if (!m_bOpen) {
@@ -475,24 +478,40 @@ int WSChannel::send(int nMaxSize, const void * data) {
             }
             throw InternalException(e.what());
         }
+        if (m_bBelowFailed) {
+            // The channel below failed under this send: the reactor ends this channel.
+            reactor = m_Reactor;
+            sent = -1;
+        }
         // On the reactor thread the masks are asked again after this dispatch anyway, and the
         // reactor's lock must not be taken under the handler's own locks there.
-        if (m_nTotalBytesPending != 0 && std::this_thread::get_id() != m_ReactorThread.load()) {
+        if ((m_nTotalBytesPending != 0 || m_bBelowFailed) && std::this_thread::get_id() != m_ReactorThread.load()) {
             reactor = m_Reactor;
         }
     }
     // Output waits for the reactor's write events; a running wait would ask for them only
     // after its time-out.
-    if (reactor) {
+    if (reactor && std::this_thread::get_id() != m_ReactorThread.load()) {
         reactor->wakeUp();
     }
     return sent;
 }
 
-std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * data, std::size_t size) {
+std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void> hdl, const char * data, std::size_t size) {
     LOG4CXX_TRACE(logger, "onWebSocketWrite[" << m_strDescription << "]( size = " << size << " )");
-    if (!m_UnderlyingChannel) {
+    if (!m_UnderlyingChannel || m_bBelowFailed) {
+        // Nothing can be delivered any more: the output is dropped, not kept.
         return std::error_code();
+    }
+    std::string refusal;
+    if (!m_bHandshakeDone && versionMissing(hdl)) {
+        // An upgrade without Sec-WebSocket-Version is taken by the engine for the draft before
+        // RFC 6455, which it fails with 500 before any handler is asked: the client is told
+        // the version spoken here instead (RFC 6455, 4.4).
+        LOG4CXX_INFO(logger, "upgrade without Sec-WebSocket-Version refused on " << m_strDescription);
+        refusal = "HTTP/1.1 426 Upgrade Required\r\nSec-WebSocket-Version: 13\r\nContent-Length: 0\r\n\r\n";
+        data = refusal.data();
+        size = refusal.size();
     }
     int n = 0;
     if (m_WriteBuffer.empty()) {
@@ -504,8 +523,13 @@ std::error_code WSChannel::onWebSocketWrite(std::weak_ptr<void>, const char * da
             n = -1;
         }
     }
-    // A failed send (negative) counts as all sent: the failure shows on the read side below.
-    if (static_cast<std::size_t>(static_cast<unsigned int>(n)) < size) {
+    if (n < 0) {
+        // The channel below has said why, once; this channel ends at its next write event
+        // (the read side may never come: a peer that reads nothing is not read from either).
+        failBelow_i();
+        return std::error_code();
+    }
+    if (static_cast<std::size_t>(n) < size) {
         m_WriteBuffer.emplace_back(data + n, data + size);
         m_nTotalBytesPending += static_cast<unsigned int>(size - static_cast<std::size_t>(n));
         LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
@@ -532,7 +556,7 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         learnReactor_i();
         // Before the drain: a ping joins the queue behind what waits already.
-        alive = keepAlive_i();
+        alive = !m_bBelowFailed && keepAlive_i();
         while (alive && m_nTotalBytesPending != 0) {
             std::string & first = m_WriteBuffer.front();
             int n;
@@ -543,7 +567,9 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
                 n = -1;
             }
             if (n < 0) {
-                n = 0;
+                failBelow_i();
+                alive = false;
+                break;
             }
             m_nTotalBytesPending -= static_cast<unsigned int>(n);
             if (static_cast<std::size_t>(n) < first.size()) {
@@ -559,6 +585,12 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         }
     }
     if (!alive) {
+        Common::SmartPtr<net::IChannelHandler> current = handler();
+        if (m_bBelowFailed && current && current->hasPendingWrite()) {
+            // A handler with output learns of the failure from its send, as on any channel
+            // whose send fails (a tunnel then ends both of its sides at once).
+            current->onWrite(this);
+        }
         endWithError("onWrite");
         return;
     }
@@ -570,6 +602,22 @@ void WSChannel::onWrite_i(net::IWriteDataStream * stream) {
         }
     }
     finishDeferred();
+}
+
+bool WSChannel::versionMissing(std::weak_ptr<void> hdl) {
+    try {
+        ConnectionPtr con = m_Endpoint.get_con_from_hdl(hdl);
+        return con->get_response_code() == websocketpp::http::status_code::internal_server_error &&
+               !con->get_request_header("Upgrade").empty() && con->get_request_header("Sec-WebSocket-Version").empty();
+    } catch (const websocketpp::exception &) {
+        return false;
+    }
+}
+
+void WSChannel::failBelow_i() {
+    m_bBelowFailed = true;
+    m_WriteBuffer.clear();
+    m_nTotalBytesPending = 0;
 }
 
 void WSChannel::onClose() {
@@ -665,7 +713,8 @@ void WSChannel::onWebSocketClose(std::weak_ptr<void> hdl) {
     } catch (const websocketpp::exception &) {
     }
     const bool normal = code == websocketpp::close::status::normal;
-    if (normal) {
+    // After a failed send below, whose line gave the cause, the end is no news.
+    if (normal || m_bBelowFailed) {
         LOG4CXX_INFO(logger, "onWebSocketClose[" << m_strDescription << "](): (" << code << ") "
                                                  << websocketpp::close::status::get_string(code) << ": " << reason);
     } else {

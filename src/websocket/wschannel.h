@@ -138,8 +138,6 @@ public:
     void onClose() override;
     void onError() override;
     bool wantsRead() override;
-    // The user's handler's wish to read (true without an IReadInterest); reactor thread.
-    bool handlerWantsRead();
 
     // Inside the user's onRead only.
     int recv(int length, void * buffer) override;
@@ -177,6 +175,11 @@ private:
     void guarded(const char * where, Body body);
     void setupNames(net::IChannel * underlying, const std::string & peer);
     void terminateConnection_i();
+    // m_Mutex held: a send below failed; the queued output is dropped.
+    void failBelow_i();
+    // Server role, inside the engine's write of its answer to an upgrade: the engine refused
+    // it for want of a Sec-WebSocket-Version.
+    bool versionMissing(std::weak_ptr<void> hdl);
     // After m_Mutex is let go: closes a channel below that the engine let go of, and tells
     // the user's handler of the end of the connection.
     void finishDeferred();
@@ -213,6 +216,17 @@ private:
     void wakeWaiters();
     // The channel below reported its end: no handshake can finish any more.
     std::atomic<bool> m_bBelowEnded{false};
+    // A send on the channel below failed: nothing more is written, the next write event ends
+    // this channel (read without the lock by hasPendingWrite).
+    std::atomic<bool> m_bBelowFailed{false};
+    // The host's sends stop at m_nMaxBytesPending (plus one message); the engine's answers
+    // to what the peer sends (pongs, a close) come on top. Past this room nothing more is
+    // read, so that a peer that sends control frames and reads nothing cannot grow the queue
+    // without bound. The host's data alone never stops the reading: two such channels
+    // echoing into each other would otherwise wait for each other for ever.
+    bool outputFull() const { return m_nTotalBytesPending >= m_nMaxBytesPending + 2 * m_nMaxMessageSize; }
+    // The user's handler wants bytes (or has no say).
+    bool handlerWantsRead();
     std::atomic<bool> m_bOpen;
     // Guards the handler reference alone: hasPendingWrite reads it on the reactor thread
     // under the reactor's lock, where m_Mutex must not be taken.

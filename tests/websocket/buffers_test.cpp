@@ -187,6 +187,7 @@ TEST(EngineLogs, ChannelsMapToLevelsAndNames) {
     error.write(1, "devel is dropped");
     error.write(2, "l");
     error.write(8, "w");
+    error.write(16, "e");
     error.write(32, "x");
     error.write(64, "u");
 
@@ -196,10 +197,11 @@ TEST(EngineLogs, ChannelsMapToLevelsAndNames) {
     EXPECT_EQ(log.count(a, "TRACE", "[http] h"), 1u);
     EXPECT_EQ(log.count(a, "TRACE", "[fail] f"), 1u);
     EXPECT_EQ(log.count(e, "TRACE", "[library] l"), 1u);
-    EXPECT_EQ(log.count(e, "WARN", "[warning] w"), 1u);
+    EXPECT_EQ(log.count(e, "INFO", "[warning] w"), 1u);
+    EXPECT_EQ(log.count(e, "INFO", "[error] e"), 1u);
     EXPECT_EQ(log.count(e, "ERROR", "[fatal] x"), 1u);
     EXPECT_EQ(log.count(e, "TRACE", "[unknown] u"), 1u);
-    EXPECT_EQ(log.events().size(), 9u);
+    EXPECT_EQ(log.events().size(), 10u);
 }
 
 }  // namespace

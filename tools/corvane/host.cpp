@@ -183,8 +183,16 @@ std::string listenFailure(const std::string & uri, const std::exception & failur
 }
 
 std::string connectFailure(const std::string & uri, const std::exception & failure) {
-    bool connectFailed = std::strstr(failure.what(), "while connecting to ") != nullptr;
-    return withCause(failure, connectFailed ? repeatFailedCall(uri, false) : 0);
+    const char * marker = "while connecting to ";
+    const char * named = std::strstr(failure.what(), marker);
+    if (named == nullptr) {
+        return withCause(failure, 0);
+    }
+    // The text names the address with the port the transport filled in (ws://host is port
+    // 80): that one is repeated, not the URI as given.
+    std::string target(named + std::strlen(marker));
+    target = target.substr(0, target.find_first_of(" \n"));
+    return withCause(failure, repeatFailedCall(target.empty() ? uri : target, false));
 }
 
 std::string optionValue(const std::vector<std::string> & args, size_t & i) {
