@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "common/logging.h"
+#include "socketio/selectreactor.h"
 #include "tunnel/tunnelstore.h"
 
 namespace net {
@@ -32,6 +33,25 @@ std::string errorText(int error, const char * side) {
 
 // One stream call moves at most this much: the streams count in int.
 constexpr std::uint32_t kMaxStreamCall = INT_MAX;
+
+// Reactor thread: the reactor asks the mask of `channel` again before its next wait. A ring
+// changes the other channel's wish to write (bytes for it) or to read (room again), and the
+// reactor asks only the channels that had events, and the ones named here.
+void interestMayHaveChanged(IChannel * channel, IReactor * fallback) {
+    if (channel == nullptr) {
+        return;
+    }
+    if (auto * subscriber = dynamic_cast<socketio::ISelectEventSubscriber *>(channel)) {
+        if (socketio::SelectReactor * reactor = subscriber->getReactor()) {
+            reactor->interestChanged(subscriber);
+        }
+        return;
+    }
+    // A channel layered on another (WebSocket over a proxy's channel): every mask is asked.
+    if (auto * reactor = dynamic_cast<socketio::SelectReactor *>(fallback)) {
+        reactor->wakeUp();
+    }
+}
 }  // namespace
 
 TunnelEndPoint::TunnelEndPoint(SmartLock * lock, TunnelStore * store, IChannel * channel, unsigned int bufferSize)
@@ -72,6 +92,10 @@ bool TunnelEndPoint::JoinPair(TunnelEndPoint * first, TunnelEndPoint * second) {
     second->setPeer_i(first);
     first->setPeer_i(second);
     return true;
+}
+
+IReactor * TunnelEndPoint::storeReactor() const {
+    return m_store ? m_store->getReactor() : nullptr;
 }
 
 std::string TunnelEndPoint::lockedDescription() {
@@ -155,6 +179,10 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
             // onWrite would cost a whole reactor cycle per direction.
             if (m_peer && m_peer->m_channel) {
                 sendFailed = m_peer->sendFromPeerRing_i(m_peer->m_channel->getWriteDataStream()) < 0;
+                if (!sendFailed && m_filled.load(std::memory_order_relaxed) > 0) {
+                    // What the peer's channel did not take waits for its onWrite.
+                    interestMayHaveChanged(m_peer->m_channel.get(), storeReactor());
+                }
             }
             if (!sendFailed) {
                 return;
@@ -185,6 +213,7 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     if (length > kMaxStreamCall) {
         length = kMaxStreamCall;
     }
+    const bool wasFull = peer->m_free == 0;
     int sent;
     try {
         sent = stream->send(static_cast<int>(length), peer->m_readPos);
@@ -203,6 +232,10 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
         peer->m_readPos += moved;
         if (peer->m_readPos == peer->m_bufferEnd) {
             peer->m_readPos = peer->m_buffer;
+        }
+        if (wasFull) {
+            // The peer's channel stopped reading while its ring was full: it has room again.
+            interestMayHaveChanged(peer->m_channel.get(), storeReactor());
         }
     }
     return sent;

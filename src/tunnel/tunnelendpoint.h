@@ -125,6 +125,8 @@ private:
     // once the last end with a channel has closed.
     void recordEnd_i(const std::string & how);
     std::string lockedDescription();
+    // Shared lock held: the store's reactor, null once this end has left the store.
+    IReactor * storeReactor() const;
 
     Common::SmartPtr<SmartLock> m_lock;
     Common::SmartPtr<TunnelStore> m_store;     // GUARDED_BY(m_lock)
