@@ -136,19 +136,17 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
         }
         if (m_buffer == nullptr && m_bufferSize > 0) {
             // The ring comes into being with the first read: an idle direction costs no memory.
-            m_buffer = static_cast<char *>(std::malloc(m_bufferSize));
-            if (m_buffer == nullptr) {
-                allocationFailed = true;
-            } else {
-                m_bufferEnd = m_buffer + m_bufferSize;
-                m_readPos = m_buffer;
-                m_writePos = m_buffer;
-                m_filled.store(0);
-                m_free = m_bufferSize;
-            }
+            allocationFailed = !resizeRing_i(m_bufferSize < kInitialRing ? m_bufferSize : kInitialRing);
+        } else if (m_free == 0 && m_capacity < m_bufferSize) {
+            // The direction stays full: the ring grows toward its most. The channel goes on
+            // asking to read until then, so where no memory comes the tunnel ends as it would
+            // without a first ring.
+            m_fullSinceEmpty = true;
+            allocationFailed = !resizeRing_i(m_capacity > m_bufferSize / 2 ? m_bufferSize : m_capacity * 2);
         }
         if (!allocationFailed) {
             if (m_free == 0) {
+                m_fullSinceEmpty = true;
                 if (m_bufferSize == 0) {
                     m_zeroRingStalled.store(true);
                 }
@@ -175,6 +173,9 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
             if (m_writePos == m_bufferEnd) {
                 m_writePos = m_buffer;
             }
+            if (m_free == 0) {
+                m_fullSinceEmpty = true;
+            }
             // Forwarded at once where the peer's channel takes it: waiting for the peer's
             // onWrite would cost a whole reactor cycle per direction.
             if (m_peer && m_peer->m_channel) {
@@ -198,6 +199,43 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
     close();
 }
 
+bool TunnelEndPoint::resizeRing_i(std::uint32_t capacity) {
+    auto * buffer = static_cast<char *>(std::malloc(capacity));
+    if (buffer == nullptr) {
+        return false;
+    }
+    const std::uint32_t filled = m_filled.load(std::memory_order_relaxed);
+    if (filled > 0) {
+        const auto first = static_cast<std::uint32_t>(m_bufferEnd - m_readPos) < filled
+                               ? static_cast<std::uint32_t>(m_bufferEnd - m_readPos)
+                               : filled;
+        std::memcpy(buffer, m_readPos, first);
+        std::memcpy(buffer + first, m_buffer, filled - first);
+    }
+    std::free(m_buffer);
+    m_buffer = buffer;
+    m_capacity = capacity;
+    m_bufferEnd = buffer + capacity;
+    m_readPos = buffer;
+    m_writePos = filled == capacity ? buffer : buffer + filled;
+    m_free = capacity - filled;
+    return true;
+}
+
+void TunnelEndPoint::ringEmptied_i() {
+    if (m_capacity > kInitialRing && (!m_fullSinceEmpty || m_inputEnded)) {
+        // Its burst is over: the next read starts a small ring again.
+        std::free(m_buffer);
+        m_buffer = nullptr;
+        m_bufferEnd = nullptr;
+        m_capacity = 0;
+        m_free = 0;
+    }
+    m_readPos = m_buffer;
+    m_writePos = m_buffer;
+    m_fullSinceEmpty = false;
+}
+
 int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     TunnelEndPoint * peer = m_peer.get();
     if (peer == nullptr) {
@@ -213,7 +251,7 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     if (length > kMaxStreamCall) {
         length = kMaxStreamCall;
     }
-    const bool wasFull = peer->m_free == 0;
+    const bool wasFull = peer->m_filled.load(std::memory_order_relaxed) >= peer->m_bufferSize;
     int sent;
     try {
         sent = stream->send(static_cast<int>(length), peer->m_readPos);
@@ -232,6 +270,9 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
         peer->m_readPos += moved;
         if (peer->m_readPos == peer->m_bufferEnd) {
             peer->m_readPos = peer->m_buffer;
+        }
+        if (peer->m_filled.load(std::memory_order_relaxed) == 0) {
+            peer->ringEmptied_i();
         }
         if (wasFull) {
             // The peer's channel stopped reading while its ring was full: it has room again.
