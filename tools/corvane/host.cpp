@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -176,6 +177,30 @@ std::string withCause(const std::exception & failure, int error) {
 
 // Only the library's texts of a failed bind or connect get a cause; other failures (a bad
 // URI, an unknown scheme, a handshake) have nothing to repeat.
+int defaultThreads() {
+    const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+    return cores < 1 ? 1 : (cores > kMaxThreads ? kMaxThreads : static_cast<int>(cores));
+}
+
+int parseThreads(const std::string & command, const std::string & text) {
+    char * end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < 1 || value > kMaxThreads) {
+        throw UsageError(command + ": --threads needs a number from 1 to " + std::to_string(kMaxThreads) + ", not '" +
+                         text + "'");
+    }
+    return static_cast<int>(value);
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 std::string listenFailure(const std::string & uri, const std::exception & failure) {
     bool bindFailed = std::strstr(failure.what(), "while binding to ") != nullptr;
     return withCause(failure, bindFailed ? repeatFailedCall(uri, true) : 0);
