@@ -213,7 +213,7 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     // A server per reactor thread, all on one port (SO_REUSEPORT): each connection stays on
     // the reactor whose server accepted it.
     net::SocketOptions socketOptions = hostSocketOptions();
-    socketOptions.reusePort = threads > 1;
+    socketOptions.reusePort = threads > 1 && portFree(uri);
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
     Common::SmartPtr<net::IChannelAcceptor> acceptor(new ServeAcceptor(echo));
     std::vector<Common::SmartPtr<net::IReactor>> reactors;
@@ -227,6 +227,7 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
         }
     };
     std::string listenURI = uri;
+    std::string localURI;
     try {
         for (int i = 0; i < threads; ++i) {
             Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
@@ -234,14 +235,15 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
             reactors.push_back(reactor);
             servers.emplace_back(factory->startChannelServer(reactor.get(), listenURI.c_str(), acceptor.get(), options.c_str()));
             if (i == 0) {
-                listenURI = servers.back()->getLocalURI();
+                localURI = servers.back()->getLocalURI();
+                listenURI = samePort(listenURI, localURI);
             }
         }
     } catch (const std::exception & e) {
         stopAll();
         throw std::runtime_error(listenFailure(listenURI, e));
     }
-    std::cout << "listening on " << listenURI << std::endl;
+    std::cout << "listening on " << localURI << std::endl;
     waitForStopSignal();
     StopGuard stopping("stopping the server", kStopMilliseconds);
     stopAll();

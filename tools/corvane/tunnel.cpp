@@ -71,7 +71,7 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
     // One reactor per thread, each with a store of its own: both channels of a connection stay
     // on the reactor that accepted it, and the kernel spreads the connections (SO_REUSEPORT).
     net::SocketOptions socketOptions = cli::hostSocketOptions();
-    socketOptions.reusePort = threads > 1;
+    socketOptions.reusePort = threads > 1 && cli::portFree(positional[0]);
     Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
     std::vector<Common::SmartPtr<net::IReactor>> reactors;
     std::vector<Common::SmartPtr<net::ITunnelStore>> stores;
@@ -86,6 +86,7 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
         }
     };
     std::string listenURI = positional[0];
+    std::string localURI;
     try {
         for (int i = 0; i < threads; ++i) {
             Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
@@ -96,8 +97,9 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
                                                                        positional[1].c_str(), targetOptions.c_str());
             if (i == 0) {
                 // The others listen on the port the first one got (port 0 picks one).
-                listenURI = service->getLocalURI();
-                std::cout << "listening on " << listenURI << std::endl;
+                localURI = service->getLocalURI();
+                listenURI = cli::samePort(listenURI, localURI);
+                std::cout << "listening on " << localURI << std::endl;
             }
         }
     } catch (const std::exception & e) {
