@@ -13,6 +13,9 @@ struct SocketOptions {
     bool reuseAddress = true;         // SO_REUSEADDR on listening sockets
     bool ipv6Only = false;            // IPV6_V6ONLY on listening sockets; also tries IPv6 first on connect
     int backlog = 5;                  // second argument of listen
+    // SO_REUSEPORT on listening sockets: several channel servers or tunnels, each on a reactor
+    // of its own, listen on one port and the kernel spreads the connections among them.
+    bool reusePort = false;
 };
 
 }  // namespace net

@@ -1,6 +1,6 @@
 #include "socketio/selectreactor.h"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -18,10 +18,26 @@ namespace socketio {
 namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.socketio.SelectReactor");
 
-// Readiness that the read path must see: POLLHUP, POLLERR and POLLNVAL make a socket
-// readable, so that the channel's recv finds the end or the error.
-constexpr short kReadable = POLLIN | POLLHUP | POLLERR | POLLNVAL;
-constexpr short kWritable = POLLOUT | POLLHUP | POLLERR;
+// Readiness that the read path must see: a hang-up or an error makes a socket readable, so
+// that the channel's recv finds the end or the error.
+constexpr std::uint32_t kReadable = EPOLLIN | EPOLLHUP | EPOLLERR;
+constexpr std::uint32_t kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
+// At most this many ready descriptors per wait; more wait for the next (level-triggered).
+constexpr int kMaxEventsPerWait = 256;
+
+std::uint32_t epollEvents(short wanted) {
+    std::uint32_t events = 0;
+    if ((wanted & SELECT_EVENT_READ) != 0) {
+        events |= EPOLLIN;
+    }
+    if ((wanted & SELECT_EVENT_WRITE) != 0) {
+        events |= EPOLLOUT;
+    }
+    if ((wanted & SELECT_EVENT_EXCEPT) != 0) {
+        events |= EPOLLPRI;
+    }
+    return events;
+}
 }  // namespace
 
 SelectReactor::SelectReactor(int deadSocketCheckInterval, int deadSocketTimeout, int selectTimeout)
@@ -36,6 +52,9 @@ SelectReactor::SelectReactor(int deadSocketCheckInterval, int deadSocketTimeout,
       m_threadId(0),
       m_wakeFd(-1),
       m_bWakePending(false),
+      m_epollFd(-1),
+      m_round(0),
+      m_bRereadAll(false),
       m_bLockHeldByThread(false) {
     LOG4CXX_TRACE(logger, "ctor");
 }
@@ -48,11 +67,27 @@ SelectReactor::~SelectReactor() {
     if (m_wakeFd >= 0) {
         ::close(m_wakeFd);
     }
+    if (m_epollFd >= 0) {
+        ::close(m_epollFd);
+    }
 }
 
 void SelectReactor::wakeUp() {
+    m_bRereadAll.store(true);
+    if (onReactorThread()) {
+        // The next cycle asks every mask before it waits: nothing to interrupt.
+        return;
+    }
     Common::ScopedLock guard(&m_lock);
     wakeUp_i();
+}
+
+void SelectReactor::interestChanged(ISelectEventSubscriber * subscriber) {
+    if (!onReactorThread()) {
+        wakeUp();
+        return;
+    }
+    m_dirty.emplace_back(subscriber);
 }
 
 void SelectReactor::wakeUp_i() {
@@ -88,6 +123,20 @@ void SelectReactor::startProcessing() {
         if (m_wakeFd < 0) {
             LOG4CXX_WARN(logger, "no eventfd for waking the reactor (" << SystemErrorText(errno)
                                                                         << "): posted commands wait for the time-out");
+        }
+    }
+    if (m_epollFd < 0) {
+        m_epollFd = epoll_create1(EPOLL_CLOEXEC);
+        if (m_epollFd < 0) {
+            const int error = errno;
+            m_bRunning = false;
+            throw InternalException(("cannot start the reactor: " + SystemErrorText(error)).c_str(), true);
+        }
+        if (m_wakeFd >= 0) {
+            epoll_event wake{};
+            wake.events = EPOLLIN;
+            wake.data.ptr = nullptr;
+            epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_wakeFd, &wake);
         }
     }
     if (!Common::PlatformThread::Create(0, this, &m_hThread)) {
@@ -127,6 +176,13 @@ void SelectReactor::stopProcessing() {
             ::close(m_wakeFd);
             m_wakeFd = -1;
         }
+        // The kernel's interest goes with the epoll instance; the subscribers are not asked.
+        if (m_epollFd >= 0) {
+            ::close(m_epollFd);
+            m_epollFd = -1;
+        }
+        m_interest.clear();
+        m_dirty.clear();
         commands.swap(m_vectorCommand);
         failed.swap(m_vectorFailedSubscriber);
         subscribers.swap(m_vectorSelectEventSubscriber);
@@ -231,6 +287,8 @@ bool SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool from
     if (m_vectorSelectEventSubscriber.size() + 1 < kSetCapacity) {
         subscriber->setReactor(this, Common::GetTickCount64());
         m_vectorSelectEventSubscriber.emplace_back(subscriber);
+        m_interest[subscriber] = Interest{};
+        m_dirty.emplace_back(subscriber);
         return true;
     }
     if (fromReactorThread) {
@@ -246,9 +304,78 @@ void SelectReactor::removeSubscriber(ISelectEventSubscriber * subscriber) {
     for (auto it = m_vectorSelectEventSubscriber.begin(); it != m_vectorSelectEventSubscriber.end(); ++it) {
         if (it->get() == subscriber) {
             m_vectorSelectEventSubscriber.erase(it);
+            dropInterest(subscriber);
             break;
         }
     }
+}
+
+void SelectReactor::dropInterest(ISelectEventSubscriber * subscriber) {
+    auto it = m_interest.find(subscriber);
+    if (it == m_interest.end()) {
+        return;
+    }
+    const Interest & interest = it->second;
+    if (interest.registered != 0 && interest.fd >= 0 && m_epollFd >= 0 &&
+        subscriber->getSocket() == static_cast<unsigned int>(interest.fd)) {
+        epoll_ctl(m_epollFd, EPOLL_CTL_DEL, interest.fd, nullptr);
+    }
+    m_interest.erase(it);
+}
+
+void SelectReactor::dropAllInterest() {
+    for (const auto & subscriber : m_vectorSelectEventSubscriber) {
+        dropInterest(subscriber.get());
+    }
+    m_interest.clear();
+    m_dirty.clear();
+}
+
+void SelectReactor::syncInterest_i(ISelectEventSubscriber * subscriber, Interest & interest) {
+    const short mask = subscriber->getEventMask();
+    const unsigned int socket = subscriber->getSocket();
+    const int fd = socket == INVALID_SOCKET_HANDLE ? -1 : static_cast<int>(socket);
+    const short wanted = static_cast<short>(mask & (SELECT_EVENT_READ | SELECT_EVENT_WRITE | SELECT_EVENT_EXCEPT));
+    if (fd != interest.fd) {
+        // Its socket was closed (the kernel dropped it from epoll then; the number may already
+        // be another subscriber's) or replaced: nothing of the old one is touched.
+        interest.fd = fd;
+        interest.registered = 0;
+    }
+    std::uint32_t want = fd >= 0 ? epollEvents(wanted) : 0;
+    if (want != interest.registered) {
+        epoll_event event{};
+        event.events = want;
+        event.data.ptr = subscriber;
+        int result;
+        if (want == 0) {
+            // Out of epoll, not an empty interest: a hang-up would still be reported.
+            (void)epoll_ctl(m_epollFd, EPOLL_CTL_DEL, fd, nullptr);
+            result = 0;
+        } else if (interest.registered == 0) {
+            result = epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event);
+            if (result < 0 && errno == EEXIST) {
+                result = epoll_ctl(m_epollFd, EPOLL_CTL_MOD, fd, &event);
+            }
+        } else {
+            result = epoll_ctl(m_epollFd, EPOLL_CTL_MOD, fd, &event);
+            if (result < 0 && errno == ENOENT) {
+                result = epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event);
+            }
+        }
+        interest.registered = result == 0 ? want : 0;
+        if (result != 0) {
+            // A descriptor epoll refuses (closed under the subscriber, say): its read path
+            // finds out now, as a poll on it would have reported it invalid.
+            want = 0;
+        }
+    }
+    interest.wanted = wanted;
+    interest.pending = (mask & SELECT_EVENT_PENDING) != 0;
+    // Its owner closed the socket before this reactor took it in (a channel closed on another
+    // thread while its registration was under way), or epoll refused it: the read path finds
+    // the end now, instead of the subscriber waiting for the sweep.
+    interest.closed = wanted != 0 && want == 0;
 }
 
 void SelectReactor::processCommands_i() {
@@ -310,32 +437,14 @@ void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
     m_bLockHeldByThread = true;
 }
 
-void SelectReactor::dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
-                                   const std::vector<short> & wanted, const std::vector<bool> & pendingFlags,
-                                   const std::vector<bool> & closedFlags) {
+void SelectReactor::dispatchEvents(std::vector<Ready> & ready) {
     const std::uint64_t now = Common::GetTickCount64();
-    for (std::size_t i = 0; i < copy.size(); ++i) {
-        const Common::SmartPtr<ISelectEventSubscriber> & subscriber = copy[i];
-        unsigned int socket = subscriber->getSocket();
-        short events = 0;
+    for (Ready & entry : ready) {
+        const Common::SmartPtr<ISelectEventSubscriber> & subscriber = entry.subscriber;
+        short events = entry.events;
         // A socket closed earlier in this dispatch is in no set any more.
-        if (socket != INVALID_SOCKET_HANDLE && static_cast<int>(socket) == sets[i].fd) {
-            short seen = sets[i].revents;
-            if ((wanted[i] & SELECT_EVENT_READ) != 0 && (seen & kReadable) != 0) {
-                events |= SELECT_EVENT_READ;
-            }
-            if ((wanted[i] & SELECT_EVENT_WRITE) != 0 && (seen & kWritable) != 0) {
-                events |= SELECT_EVENT_WRITE;
-            }
-            if ((wanted[i] & SELECT_EVENT_EXCEPT) != 0 && (seen & POLLPRI) != 0) {
-                events |= SELECT_EVENT_EXCEPT;
-            }
-        }
-        if (pendingFlags[i]) {
-            events |= SELECT_EVENT_PENDING;
-        }
-        if (closedFlags[i] && socket == INVALID_SOCKET_HANDLE) {
-            events |= SELECT_EVENT_READ;
+        if (entry.fd >= 0 && subscriber->getSocket() != static_cast<unsigned int>(entry.fd)) {
+            events = static_cast<short>(events & SELECT_EVENT_PENDING);
         }
         if (events == 0) {
             continue;
@@ -372,11 +481,14 @@ void SelectReactor::ThreadMain() {
             ? 0
             : static_cast<std::uint64_t>(m_deadSocketCheckInterval / m_selectTimeout) * static_cast<std::uint64_t>(m_selectTimeout);
     std::uint64_t lastSweep = 0;
+    // Every mask is asked for at least once per time-out: a mask that a host thread changed
+    // without a wake-up is seen no later than a wait of the full time-out would see it.
+    const std::uint64_t rereadPeriod = waitMilliseconds > 0 ? static_cast<std::uint64_t>(waitMilliseconds) : 0;
+    std::uint64_t lastReread = 0;
 
-    std::vector<pollfd> sets;
-    std::vector<short> wanted;
-    std::vector<bool> pendingFlags;
-    std::vector<bool> closedFlags;
+    std::vector<epoll_event> events(kMaxEventsPerWait);
+    std::vector<Ready> ready;
+    std::vector<ISelectEventSubscriber *> pending;  // reactor thread only; alive while in m_interest
 
     Common::ScopedLock guard(&m_lock);
     m_bLockHeldByThread = true;
@@ -384,96 +496,127 @@ void SelectReactor::ThreadMain() {
     m_conditionStarted.Signal();
     while (m_bRunning) {
         processCommands_i();
+        const std::uint64_t now = Common::GetTickCount64();
         if (sweepEnabled) {
-            const std::uint64_t now = Common::GetTickCount64();
             if (lastSweep == 0 || now - lastSweep >= sweepPeriod) {
                 lastSweep = now;
                 clearDeadSockets_i(now);
             }
         }
         if (m_vectorSelectEventSubscriber.empty()) {
+            m_dirty.clear();
             m_conditionCommand.Wait();
             continue;
         }
+        ++m_round;
 
-        // One poll entry per subscriber, in list order; each "set" keeps its count limit. The
-        // wake-up descriptor comes last and belongs to no set.
-        const std::size_t subscriberCount = m_vectorSelectEventSubscriber.size();
-        sets.assign(subscriberCount, pollfd{-1, 0, 0});
-        wanted.assign(subscriberCount, 0);
-        pendingFlags.assign(subscriberCount, false);
-        closedFlags.assign(subscriberCount, false);
-        std::size_t inRead = 0;
-        std::size_t inWrite = 0;
-        std::size_t inExcept = 0;
-        bool anyPending = false;
-        for (std::size_t i = 0; i < subscriberCount; ++i) {
-            Common::SmartPtr<ISelectEventSubscriber> subscriber = m_vectorSelectEventSubscriber[i];
-            short mask = subscriber->getEventMask();
-            unsigned int socket = subscriber->getSocket();
-            sets[i].fd = socket == INVALID_SOCKET_HANDLE ? -1 : static_cast<int>(socket);
-            if ((mask & SELECT_EVENT_READ) != 0 && inRead < kSetCapacity) {
-                sets[i].events |= POLLIN;
-                wanted[i] |= SELECT_EVENT_READ;
-                ++inRead;
+        // Bring the kernel's interest in line with the masks that may have changed.
+        pending.clear();
+        if (m_bRereadAll.exchange(false) || lastReread == 0 || now - lastReread >= rereadPeriod) {
+            lastReread = now;
+            m_dirty.clear();
+            for (const auto & subscriber : m_vectorSelectEventSubscriber) {
+                Interest & interest = m_interest[subscriber.get()];
+                syncInterest_i(subscriber.get(), interest);
+                if (interest.pending || interest.closed) {
+                    pending.push_back(subscriber.get());
+                }
             }
-            if ((mask & SELECT_EVENT_WRITE) != 0 && inWrite < kSetCapacity) {
-                sets[i].events |= POLLOUT;
-                wanted[i] |= SELECT_EVENT_WRITE;
-                ++inWrite;
-            }
-            if ((mask & SELECT_EVENT_EXCEPT) != 0 && inExcept < kSetCapacity) {
-                sets[i].events |= POLLPRI;
-                wanted[i] |= SELECT_EVENT_EXCEPT;
-                ++inExcept;
-            }
-            if (wanted[i] == 0) {
-                // Not in any set: poll must not report its hang-up either.
-                sets[i].fd = -1;
-            } else if (sets[i].fd < 0) {
-                // Its owner closed the socket before this reactor took it in (a channel closed
-                // on another thread while its registration was under way): the read path finds
-                // the end now, instead of the subscriber waiting for the sweep.
-                wanted[i] |= SELECT_EVENT_READ;
-                closedFlags[i] = true;
-                anyPending = true;
-            }
-            if ((mask & SELECT_EVENT_PENDING) != 0) {
-                pendingFlags[i] = true;
-                anyPending = true;
+        } else {
+            // Pending ones were dispatched in the last cycle, so they are among these.
+            SubscriberList dirty;
+            dirty.swap(m_dirty);
+            for (const auto & subscriber : dirty) {
+                auto it = m_interest.find(subscriber.get());
+                if (it == m_interest.end() || it->second.round == m_round) {
+                    continue;  // gone, or asked already in this cycle
+                }
+                it->second.round = m_round;
+                syncInterest_i(subscriber.get(), it->second);
+                if (it->second.pending || it->second.closed) {
+                    pending.push_back(subscriber.get());
+                }
             }
         }
-        sets.push_back(pollfd{m_wakeFd, POLLIN, 0});
+        ++m_round;  // marks of the asking above must not hide a subscriber from the ready list
 
         int result;
         {
             m_bLockHeldByThread = false;
             Common::ScopedUnlock unlocked(&m_lock);
             // A pending event is delivered now, not after a full time-out.
-            result = poll(sets.data(), static_cast<nfds_t>(sets.size()), anyPending ? 0 : waitMilliseconds);
+            result = epoll_wait(m_epollFd, events.data(), kMaxEventsPerWait, pending.empty() ? waitMilliseconds : 0);
         }
         m_bLockHeldByThread = true;
 
-        if (result > 0 && sets.back().revents != 0) {
-            drainWakeUp_i();
-            --result;
-        }
-        sets.pop_back();
-
         if (result < 0 && errno != EINTR) {
             LOG4CXX_FATAL(logger, "select returned < 0");
+            dropAllInterest();
             m_vectorSelectEventSubscriber.clear();
-        } else if (result > 0 || anyPending) {
-            if (result < 0) {
-                for (auto & entry : sets) {
-                    entry.revents = 0;
+            continue;
+        }
+        // Only this thread changes the list and the interest, so every subscriber named by
+        // the wait is still registered here. Its mask is asked for again before its dispatch,
+        // so that it gets no event it stopped asking for while the wait ran.
+        ready.clear();
+        for (int i = 0; i < result; ++i) {
+            auto * subscriber = static_cast<ISelectEventSubscriber *>(events[static_cast<std::size_t>(i)].data.ptr);
+            if (subscriber == nullptr) {
+                drainWakeUp_i();
+                continue;
+            }
+            auto it = m_interest.find(subscriber);
+            if (it == m_interest.end()) {
+                continue;
+            }
+            Interest & interest = it->second;
+            interest.round = m_round;
+            const int fd = interest.fd;
+            syncInterest_i(subscriber, interest);
+            const std::uint32_t seen = events[static_cast<std::size_t>(i)].events;
+            short got = 0;
+            if (fd >= 0 && fd == interest.fd) {
+                if ((interest.wanted & SELECT_EVENT_READ) != 0 && (seen & kReadable) != 0) {
+                    got |= SELECT_EVENT_READ;
+                }
+                if ((interest.wanted & SELECT_EVENT_WRITE) != 0 && (seen & kWritable) != 0) {
+                    got |= SELECT_EVENT_WRITE;
+                }
+                if ((interest.wanted & SELECT_EVENT_EXCEPT) != 0 && (seen & EPOLLPRI) != 0) {
+                    got |= SELECT_EVENT_EXCEPT;
                 }
             }
-            SubscriberList copy = m_vectorSelectEventSubscriber;
+            if (interest.pending) {
+                got |= SELECT_EVENT_PENDING;
+            }
+            if (interest.closed) {
+                got |= SELECT_EVENT_READ;
+            }
+            ready.push_back(Ready{subscriber, interest.fd, got});
+        }
+        for (ISelectEventSubscriber * subscriber : pending) {
+            auto it = m_interest.find(subscriber);
+            if (it == m_interest.end() || it->second.round == m_round) {
+                continue;
+            }
+            it->second.round = m_round;
+            const Interest & interest = it->second;
+            short got = interest.pending ? SELECT_EVENT_PENDING : 0;
+            if (interest.closed) {
+                got |= SELECT_EVENT_READ;
+            }
+            ready.push_back(Ready{subscriber, -1, got});
+        }
+        // What had events is asked for its mask again before the next wait.
+        for (const Ready & entry : ready) {
+            m_dirty.push_back(entry.subscriber);
+        }
+        if (!ready.empty()) {
+            m_bLockHeldByThread = false;
             {
-                m_bLockHeldByThread = false;
                 Common::ScopedUnlock unlocked(&m_lock);
-                dispatchEvents(copy, sets, wanted, pendingFlags, closedFlags);
+                dispatchEvents(ready);
+                ready.clear();
             }
             m_bLockHeldByThread = true;
         }

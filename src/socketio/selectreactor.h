@@ -4,9 +4,17 @@
 // and wait until the reactor thread has carried the command out. Owned by counted
 // references: the host's, and each registered subscriber's.
 //
-// The wait is poll(2) over an array built each cycle from the subscribers' masks, so
-// descriptors of any value work; the count limits of the classic select sets are kept:
-// at most 1023 subscribers and 1024 sockets per set (the wake-up descriptor counts in none).
+// The wait is epoll(7), level-triggered, with each subscriber's interest kept in the kernel
+// and changed (epoll_ctl) only when its mask changes, so that a wake-up costs what the ready
+// descriptors cost, not what all of them cost; descriptors of any value work. The count
+// limit of the classic select sets is kept: at most 1023 subscribers per reactor.
+// A mask is asked for again (getEventMask) only where it may have changed:
+// - a subscriber that had events: before its dispatch and in the cycle after it;
+// - a subscriber named by interestChanged (e.g. a tunnel end point whose ring changed the
+//   other end's wish to read or write), or one newly taken in;
+// - every subscriber after wakeUp, and at least once per wait time-out: a host thread that
+//   changes a mask without a wake-up is seen as soon as a full wait would have seen it.
+// A mask with SELECT_EVENT_PENDING makes the next wait return at once.
 //
 // The lifetime rule of every channel and server, whatever its transport:
 // - An object handed to a host stays alive until the host lets it go, whatever the peer does:
@@ -26,6 +34,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 #include "common/conditionvariable.h"
@@ -33,8 +42,6 @@
 #include "common/platformthread.h"
 #include "corvane/channel.h"
 #include "socketio/iselecteventsubscriber.h"
-
-struct pollfd;
 
 namespace socketio {
 
@@ -65,6 +72,9 @@ public:
     // wait at once, so that the next cycle asks every subscriber for its mask again. For a
     // subscriber whose interest changed on another thread.
     void wakeUp();
+    // Any thread: the mask of `subscriber` may have changed. On the reactor thread it is asked
+    // again before the next wait (cheap: no lock, no system call); elsewhere as wakeUp.
+    void interestChanged(ISelectEventSubscriber * subscriber);
 
     // Any thread: whether the caller is this reactor's thread. A subscriber must not wait for
     // its peer there, as the answer may have to come through this very reactor.
@@ -119,6 +129,20 @@ private:
         CommandStatus * status;
     };
     using SubscriberList = std::vector<Common::SmartPtr<ISelectEventSubscriber>>;
+    // What the kernel holds for one subscriber, as of its last mask.
+    struct Interest {
+        int fd = -1;                 // the socket registered with epoll, -1 when none
+        std::uint32_t registered = 0;  // epoll events registered for fd, 0 when not in epoll
+        short wanted = 0;            // SELECT_EVENT_READ/WRITE/EXCEPT of the last mask
+        bool pending = false;        // SELECT_EVENT_PENDING in the last mask
+        bool closed = false;         // wants events but its socket is closed: read at once
+        std::uint64_t round = 0;     // the cycle in which it was last put in the ready list
+    };
+    struct Ready {
+        Common::SmartPtr<ISelectEventSubscriber> subscriber;
+        int fd;
+        short events;
+    };
 
     // Reactor thread only. addSubscriber answers false when it parked a refusal.
     bool addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread);
@@ -131,9 +155,15 @@ private:
     void wakeUp_i();
     void drainWakeUp_i();
     void clearDeadSockets_i(std::uint64_t now);
-    void dispatchEvents(const SubscriberList & copy, const std::vector<pollfd> & sets,
-                        const std::vector<short> & wanted, const std::vector<bool> & pendingFlags,
-                        const std::vector<bool> & closedFlags);
+    // Reactor thread, m_lock held: asks the subscriber for its mask and brings the kernel's
+    // interest in line with it.
+    void syncInterest_i(ISelectEventSubscriber * subscriber, Interest & interest);
+    // Reactor thread: forgets the subscriber's interest (the kernel's too, while its socket is
+    // still the registered one: a closed descriptor has left epoll by itself, and its number
+    // may already belong to another subscriber).
+    void dropInterest(ISelectEventSubscriber * subscriber);
+    void dropAllInterest();
+    void dispatchEvents(std::vector<Ready> & ready);
 
     const int m_deadSocketTimeout;
     const int m_deadSocketCheckInterval;
@@ -154,6 +184,14 @@ private:
     // gave none (a posted command then waits for the time-out).
     int m_wakeFd;
     bool m_bWakePending;                           // GUARDED_BY(m_lock)
+    // epoll instance of the running reactor; made by startProcessing, closed by stopProcessing.
+    int m_epollFd;
+    // Reactor thread only (it changes them, with or without m_lock).
+    std::unordered_map<ISelectEventSubscriber *, Interest> m_interest;
+    SubscriberList m_dirty;  // masks to ask for again before the next wait
+    std::uint64_t m_round;
+    // Set by wakeUp: every mask is asked for again before the next wait.
+    std::atomic<bool> m_bRereadAll;
     // Reactor thread only: whether the reactor thread holds m_lock right now. Its own
     // register/unregister calls take the lock only when it is free (during a dispatch), so
     // that waiting threads never read the list while it changes.

@@ -155,6 +155,9 @@ void socket_options::configureListeningSocket(unsigned int socket) const {
         setInt(socket, IPPROTO_IPV6, IPV6_V6ONLY, ipv6Only ? 1 : 0, "setsockopt[IPV6_V6ONLY]");
     }
     setInt(socket, SOL_SOCKET, SO_REUSEADDR, reuseAddress ? 1 : 0, "setsockopt[SO_REUSEADDR]");
+    if (reusePort) {
+        setInt(socket, SOL_SOCKET, SO_REUSEPORT, 1, "setsockopt[SO_REUSEPORT]");
+    }
 }
 
 unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket_options & options) {

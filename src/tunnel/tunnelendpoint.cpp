@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "common/logging.h"
+#include "socketio/selectreactor.h"
 #include "tunnel/tunnelstore.h"
 
 namespace net {
@@ -32,6 +33,25 @@ std::string errorText(int error, const char * side) {
 
 // One stream call moves at most this much: the streams count in int.
 constexpr std::uint32_t kMaxStreamCall = INT_MAX;
+
+// Reactor thread: the reactor asks the mask of `channel` again before its next wait. A ring
+// changes the other channel's wish to write (bytes for it) or to read (room again), and the
+// reactor asks only the channels that had events, and the ones named here.
+void interestMayHaveChanged(IChannel * channel, IReactor * fallback) {
+    if (channel == nullptr) {
+        return;
+    }
+    if (auto * subscriber = dynamic_cast<socketio::ISelectEventSubscriber *>(channel)) {
+        if (socketio::SelectReactor * reactor = subscriber->getReactor()) {
+            reactor->interestChanged(subscriber);
+        }
+        return;
+    }
+    // A channel layered on another (WebSocket over a proxy's channel): every mask is asked.
+    if (auto * reactor = dynamic_cast<socketio::SelectReactor *>(fallback)) {
+        reactor->wakeUp();
+    }
+}
 }  // namespace
 
 TunnelEndPoint::TunnelEndPoint(SmartLock * lock, TunnelStore * store, IChannel * channel, unsigned int bufferSize)
@@ -74,6 +94,10 @@ bool TunnelEndPoint::JoinPair(TunnelEndPoint * first, TunnelEndPoint * second) {
     return true;
 }
 
+IReactor * TunnelEndPoint::storeReactor() const {
+    return m_store ? m_store->getReactor() : nullptr;
+}
+
 std::string TunnelEndPoint::lockedDescription() {
     Common::ScopedLock guard(&m_lock->m_lock);
     return m_description;
@@ -112,19 +136,17 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
         }
         if (m_buffer == nullptr && m_bufferSize > 0) {
             // The ring comes into being with the first read: an idle direction costs no memory.
-            m_buffer = static_cast<char *>(std::malloc(m_bufferSize));
-            if (m_buffer == nullptr) {
-                allocationFailed = true;
-            } else {
-                m_bufferEnd = m_buffer + m_bufferSize;
-                m_readPos = m_buffer;
-                m_writePos = m_buffer;
-                m_filled.store(0);
-                m_free = m_bufferSize;
-            }
+            allocationFailed = !resizeRing_i(m_bufferSize < kInitialRing ? m_bufferSize : kInitialRing);
+        } else if (m_free == 0 && m_capacity < m_bufferSize) {
+            // The direction stays full: the ring grows toward its most. The channel goes on
+            // asking to read until then, so where no memory comes the tunnel ends as it would
+            // without a first ring.
+            m_fullSinceEmpty = true;
+            allocationFailed = !resizeRing_i(m_capacity > m_bufferSize / 2 ? m_bufferSize : m_capacity * 2);
         }
         if (!allocationFailed) {
             if (m_free == 0) {
+                m_fullSinceEmpty = true;
                 if (m_bufferSize == 0) {
                     m_zeroRingStalled.store(true);
                 }
@@ -151,10 +173,17 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
             if (m_writePos == m_bufferEnd) {
                 m_writePos = m_buffer;
             }
+            if (m_free == 0) {
+                m_fullSinceEmpty = true;
+            }
             // Forwarded at once where the peer's channel takes it: waiting for the peer's
             // onWrite would cost a whole reactor cycle per direction.
             if (m_peer && m_peer->m_channel) {
                 sendFailed = m_peer->sendFromPeerRing_i(m_peer->m_channel->getWriteDataStream()) < 0;
+                if (!sendFailed && m_filled.load(std::memory_order_relaxed) > 0) {
+                    // What the peer's channel did not take waits for its onWrite.
+                    interestMayHaveChanged(m_peer->m_channel.get(), storeReactor());
+                }
             }
             if (!sendFailed) {
                 return;
@@ -168,6 +197,43 @@ void TunnelEndPoint::onRead(IReadDataStream * stream) {
                                         << " bytes, closing the tunnel");
     }
     close();
+}
+
+bool TunnelEndPoint::resizeRing_i(std::uint32_t capacity) {
+    auto * buffer = static_cast<char *>(std::malloc(capacity));
+    if (buffer == nullptr) {
+        return false;
+    }
+    const std::uint32_t filled = m_filled.load(std::memory_order_relaxed);
+    if (filled > 0) {
+        const auto first = static_cast<std::uint32_t>(m_bufferEnd - m_readPos) < filled
+                               ? static_cast<std::uint32_t>(m_bufferEnd - m_readPos)
+                               : filled;
+        std::memcpy(buffer, m_readPos, first);
+        std::memcpy(buffer + first, m_buffer, filled - first);
+    }
+    std::free(m_buffer);
+    m_buffer = buffer;
+    m_capacity = capacity;
+    m_bufferEnd = buffer + capacity;
+    m_readPos = buffer;
+    m_writePos = filled == capacity ? buffer : buffer + filled;
+    m_free = capacity - filled;
+    return true;
+}
+
+void TunnelEndPoint::ringEmptied_i() {
+    if (m_capacity > kInitialRing && (!m_fullSinceEmpty || m_inputEnded)) {
+        // Its burst is over: the next read starts a small ring again.
+        std::free(m_buffer);
+        m_buffer = nullptr;
+        m_bufferEnd = nullptr;
+        m_capacity = 0;
+        m_free = 0;
+    }
+    m_readPos = m_buffer;
+    m_writePos = m_buffer;
+    m_fullSinceEmpty = false;
 }
 
 int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
@@ -185,6 +251,7 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
     if (length > kMaxStreamCall) {
         length = kMaxStreamCall;
     }
+    const bool wasFull = peer->m_filled.load(std::memory_order_relaxed) >= peer->m_bufferSize;
     int sent;
     try {
         sent = stream->send(static_cast<int>(length), peer->m_readPos);
@@ -203,6 +270,13 @@ int TunnelEndPoint::sendFromPeerRing_i(IWriteDataStream * stream) {
         peer->m_readPos += moved;
         if (peer->m_readPos == peer->m_bufferEnd) {
             peer->m_readPos = peer->m_buffer;
+        }
+        if (peer->m_filled.load(std::memory_order_relaxed) == 0) {
+            peer->ringEmptied_i();
+        }
+        if (wasFull) {
+            // The peer's channel stopped reading while its ring was full: it has room again.
+            interestMayHaveChanged(peer->m_channel.get(), storeReactor());
         }
     }
     return sent;

@@ -107,6 +107,12 @@ private:
     // Reactor thread: onClose and onError after their own words.
     void channelGone();
 
+    // With the shared lock held: gives the ring `capacity` bytes, keeping what it holds in
+    // order. False when the memory cannot be had (the ring stays as it was).
+    bool resizeRing_i(std::uint32_t capacity);
+    // With the shared lock held: the ring has just emptied; the next bytes go to its start, so
+    // that small messages keep touching the same few pages.
+    void ringEmptied_i();
     // With the shared lock held: one send of the peer's ring to `stream` (the own channel's);
     // the send's result.
     int sendFromPeerRing_i(IWriteDataStream * stream);
@@ -125,6 +131,8 @@ private:
     // once the last end with a channel has closed.
     void recordEnd_i(const std::string & how);
     std::string lockedDescription();
+    // Shared lock held: the store's reactor, null once this end has left the store.
+    IReactor * storeReactor() const;
 
     Common::SmartPtr<SmartLock> m_lock;
     Common::SmartPtr<TunnelStore> m_store;     // GUARDED_BY(m_lock)
@@ -132,7 +140,14 @@ private:
     Common::SmartPtr<IChannel> m_channel;      // GUARDED_BY(m_lock)
     // Written under m_lock; also read without it as a fast exit of onRead and onClose.
     std::atomic<bool> m_closed;
+    // The most a ring may hold. The ring itself starts at kInitialRing bytes (or this, if
+    // smaller), doubles while its direction stays full, and is given back once it has emptied
+    // without having been full since it last emptied (or once its input has ended): a
+    // connection costs what it carries, and a bulk one keeps its large ring.
     const std::uint32_t m_bufferSize;
+    static constexpr std::uint32_t kInitialRing = 64 * 1024;
+    std::uint32_t m_capacity = 0;              // GUARDED_BY(m_lock): bytes of m_buffer
+    bool m_fullSinceEmpty = false;             // GUARDED_BY(m_lock)
     char * m_buffer;                           // GUARDED_BY(m_lock), from malloc
     char * m_bufferEnd;                        // GUARDED_BY(m_lock)
     char * m_readPos;                          // GUARDED_BY(m_lock)

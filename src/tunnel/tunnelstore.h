@@ -63,6 +63,8 @@ public:
     // Any thread; sizes of the two maps, for hosts and tests that wait for a store to drain.
     std::size_t tunnelCount() const;
     std::size_t serviceCount() const;
+    // The reactor of every channel of this store's tunnels; fixed at construction.
+    IReactor * getReactor() const { return m_reactor.get(); }
 
 private:
     Common::SmartPtr<IReactor> m_reactor;

@@ -39,7 +39,8 @@ public:
         }
     }
 
-    short getEventMask() noexcept override { return m_mask; }
+    short getEventMask() noexcept override { return m_mask.load(); }
+    void setMask(short mask) { m_mask.store(mask); }
     bool onEvents(const short & events, const std::uint64_t & now) override {
         m_last = now;
         ++eventCount;
@@ -87,7 +88,7 @@ public:
 
 private:
     unsigned int m_socket;
-    short m_mask;
+    std::atomic<short> m_mask;
     std::atomic<std::uint64_t> m_last{0};
     Common::SmartPtr<SelectReactor> m_reactor;
 };
@@ -304,6 +305,44 @@ TEST(SelectReactor, PendingOnlySubscriberIsServedWithoutWaitingForTheTimeout) {
     EXPECT_TRUE(waitFor([&] { return pending->eventCount.load() >= 5; }, 200));
     EXPECT_EQ(pending->lastEvents.load(), socketio::SELECT_EVENT_PENDING);
     reactor->stopProcessing();
+}
+
+// The reactor asks a mask again only where it may have changed: after a wake-up, for a
+// subscriber named by interestChanged on the reactor thread, and at the latest after one
+// time-out for a change that nobody announced.
+TEST(SelectReactor, ChangedMasksAreSeenWhenAnnouncedAndAfterOneTimeoutOtherwise) {
+    Common::SmartPtr<SelectReactor> reactor(new SelectReactor(5000, 300000, 1000));
+    reactor->startProcessing();
+    SocketPair first, second, third;
+    Common::SmartPtr<Recorder> host(new Recorder(first.giveAway(), 0));
+    Common::SmartPtr<Recorder> named(new Recorder(second.giveAway(), 0));
+    Common::SmartPtr<Recorder> silent(new Recorder(third.giveAway(), 0));
+    // The first one's read turns the second one's interest on, as a tunnel end point's ring does.
+    host->onEvent = [&](short) {
+        named->setMask(socketio::SELECT_EVENT_READ);
+        reactor->interestChanged(named.get());
+    };
+    for (auto * subscriber : {host.get(), named.get(), silent.get()}) {
+        reactor->registerSubscriber(subscriber);
+    }
+    for (int fd : {first.peer(), second.peer(), third.peer()}) {
+        ASSERT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(host->eventCount.load() + named->eventCount.load() + silent->eventCount.load(), 0);
+
+    host->setMask(socketio::SELECT_EVENT_READ);
+    reactor->wakeUp();
+    EXPECT_TRUE(waitFor([&] { return host->bytes.load() == 1; }, 300)) << "after wakeUp";
+    EXPECT_TRUE(waitFor([&] { return named->bytes.load() == 1; }, 300)) << "named on the reactor thread";
+    const auto changed = std::chrono::steady_clock::now();
+    silent->setMask(socketio::SELECT_EVENT_READ);
+    EXPECT_TRUE(waitFor([&] { return silent->bytes.load() == 1; }, 2500)) << "unannounced";
+    EXPECT_LT(std::chrono::steady_clock::now() - changed, std::chrono::milliseconds(2200));
+    reactor->stopProcessing();
+    for (auto * subscriber : {host.get(), named.get(), silent.get()}) {
+        socketio::SocketClose(subscriber->getSocket());
+    }
 }
 
 // With a 2 s wait, posted commands and the stop must not wait for the time-out.

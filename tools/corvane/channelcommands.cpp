@@ -148,7 +148,7 @@ public:
 };
 
 const char * const kServeUsage =
-    "usage: corvane serve URI [--echo|--discard] [--options TEXT] [--handshake-timeout MS]\n"
+    "usage: corvane serve URI [--echo|--discard] [--options TEXT] [--handshake-timeout MS] [--threads N]\n"
     "\n"
     "Starts a channel server on URI (e.g. tcp://127.0.0.1:7000; port 0 picks a free one),\n"
     "prints 'listening on URI' with the real address, and serves until SIGINT or SIGTERM.\n"
@@ -156,7 +156,9 @@ const char * const kServeUsage =
     "  --discard       read and drop what each connection sends\n"
     "  --options TEXT  the option text of the server, key=value;key=value\n"
     "  --handshake-timeout MS  drop a connection whose TLS handshake or WebSocket upgrade is not\n"
-    "                  done within MS milliseconds (default 10000; 0: no limit)\n";
+    "                  done within MS milliseconds (default 10000; 0: no limit)\n"
+    "  --threads N     reactor threads, 1 to 64 (default: one per core), each with a server of\n"
+    "                  its own on the same port (SO_REUSEPORT), 1022 connections each at most\n";
 
 const char * const kConnectUsage =
     "usage: corvane connect URI [--options TEXT] [--wait MS] [--connect-timeout MS] [--stats]\n"
@@ -194,8 +196,11 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     std::string options;
     std::string handshakeTimeout = kHandshakeTimeoutDefault;
     bool echo = true;
+    int threads = defaultThreads();
     for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--echo") {
+        if (args[i] == "--threads") {
+            threads = parseThreads("serve", optionValue(args, i));
+        } else if (args[i] == "--echo") {
             echo = true;
         } else if (args[i] == "--discard") {
             echo = false;
@@ -213,22 +218,43 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
         throw UsageError("serve: a URI to listen on is needed");
     }
     options = withTimeLimit(options, "HandshakeTimeout", handshakeTimeout);
-    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(hostSocketOptions()));
-    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
-    reactor->startProcessing();
+    // A server per reactor thread, all on one port (SO_REUSEPORT): each connection stays on
+    // the reactor whose server accepted it.
+    net::SocketOptions socketOptions = hostSocketOptions();
+    socketOptions.reusePort = threads > 1 && portFree(uri);
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
     Common::SmartPtr<net::IChannelAcceptor> acceptor(new ServeAcceptor(echo));
-    Common::SmartPtr<net::IChannelServer> server;
+    std::vector<Common::SmartPtr<net::IReactor>> reactors;
+    std::vector<Common::SmartPtr<net::IChannelServer>> servers;
+    auto stopAll = [&]() {
+        for (auto & server : servers) {
+            server->close();
+        }
+        for (auto & reactor : reactors) {
+            reactor->stopProcessing();
+        }
+    };
+    std::string listenURI = uri;
+    std::string localURI;
     try {
-        server = factory->startChannelServer(reactor.get(), uri.c_str(), acceptor.get(), options.c_str());
+        for (int i = 0; i < threads; ++i) {
+            Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+            reactor->startProcessing();
+            reactors.push_back(reactor);
+            servers.emplace_back(factory->startChannelServer(reactor.get(), listenURI.c_str(), acceptor.get(), options.c_str()));
+            if (i == 0) {
+                localURI = servers.back()->getLocalURI();
+                listenURI = samePort(listenURI, localURI);
+            }
+        }
     } catch (const std::exception & e) {
-        reactor->stopProcessing();
-        throw std::runtime_error(listenFailure(uri, e));
+        stopAll();
+        throw std::runtime_error(listenFailure(listenURI, e));
     }
-    std::cout << "listening on " << server->getLocalURI() << std::endl;
+    std::cout << "listening on " << localURI << std::endl;
     waitForStopSignal();
     StopGuard stopping("stopping the server", kStopMilliseconds);
-    server->close();
-    reactor->stopProcessing();
+    stopAll();
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -131,7 +132,7 @@ namespace {
 
 // errno of the same bind or connect on a socket of the host's own, or 0 when it succeeds or
 // cannot be tried. A connect waits at most a second for its answer.
-int repeatFailedCall(const std::string & text, bool listen) {
+int repeatFailedCall(const std::string & text, bool listen, bool reuseAddress = false) {
     try {
         net::URI uri = net::URI::FromString(text);
         if (!listen && uri.getPort() == 0) {
@@ -146,6 +147,10 @@ int repeatFailedCall(const std::string & text, bool listen) {
                 continue;
             }
             if (listen) {
+                int one = 1;
+                if (reuseAddress) {
+                    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+                }
                 error = bind(fd, entry->ai_addr, entry->ai_addrlen) == 0 ? 0 : errno;
             } else if (connect(fd, entry->ai_addr, entry->ai_addrlen) == 0) {
                 error = 0;
@@ -177,6 +182,46 @@ std::string withCause(const std::exception & failure, int error) {
 
 // Only the library's texts of a failed bind or connect get a cause; other failures (a bad
 // URI, an unknown scheme, a handshake) have nothing to repeat.
+std::string samePort(const std::string & uri, const std::string & localURI) {
+    try {
+        net::URI listen = net::URI::FromString(uri);
+        if (listen.getPort() == 0) {
+            listen.setPort(net::URI::FromString(localURI).getPort());
+        }
+        return listen.ToString();
+    } catch (const std::exception &) {
+        return uri;
+    }
+}
+
+bool portFree(const std::string & uri) {
+    return repeatFailedCall(uri, true, true) == 0;
+}
+
+int defaultThreads() {
+    const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+    return cores < 1 ? 1 : (cores > kMaxThreads ? kMaxThreads : static_cast<int>(cores));
+}
+
+int parseThreads(const std::string & command, const std::string & text) {
+    char * end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < 1 || value > kMaxThreads) {
+        throw UsageError(command + ": --threads needs a number from 1 to " + std::to_string(kMaxThreads) + ", not '" +
+                         text + "'");
+    }
+    return static_cast<int>(value);
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 std::string listenFailure(const std::string & uri, const std::exception & failure) {
     bool bindFailed = std::strstr(failure.what(), "while binding to ") != nullptr;
     return withCause(failure, bindFailed ? repeatFailedCall(uri, true) : 0);

@@ -38,6 +38,23 @@ inline net::SocketOptions hostSocketOptions() {
     return options;
 }
 
+// Reactor threads of `tunnel` and `serve`: --threads N (1 to 64, as `threads` of run), by
+// default one per core. Each reactor holds at most 1023 sockets (511 tunnel connections).
+constexpr int kMaxThreads = 64;
+int defaultThreads();
+// The value of --threads, or UsageError.
+int parseThreads(const std::string & command, const std::string & text);
+// `uri` on the port of `localURI` (what the first listener got): the others listen on the same
+// URI (a ws server names itself http:// in its local URI) and port.
+std::string samePort(const std::string & uri, const std::string & localURI);
+// Whether a listener of the host's own could bind to `uri` now (as the library binds, with
+// SO_REUSEADDR). Listeners that share a port (SO_REUSEPORT) would also share it with another
+// process's: the host shares only a port that nobody holds, so that one in use still fails.
+bool portFree(const std::string & uri);
+// Raises the soft limit of open descriptors to the hard one: ten thousand connections need
+// more than the usual 1024. Called first in main; a refusal leaves the limit as it was.
+void raiseDescriptorLimit();
+
 // Blocks SIGINT and SIGTERM in the calling thread and every thread it starts later, so that
 // they can be awaited with waitForStopSignal. Call it first in main.
 void blockStopSignals();

@@ -177,6 +177,7 @@ bool asksHelp(const std::vector<std::string> & args) {
 
 int main(int argc, char ** argv) {
     cli::blockStopSignals();
+    cli::raiseDescriptorLimit();
     // A reader of our stdout that goes away must end this host with an error, not a signal.
     std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> args(argv + 1, argv + argc);
@@ -204,14 +205,15 @@ int main(int argc, char ** argv) {
             {"proxy-info", {}},
             {"serve",
              {{"echo", no_argument, nullptr, 0}, {"discard", no_argument, nullptr, 0},
-              {"options", required_argument, nullptr, 0}, {"handshake-timeout", required_argument, nullptr, 0}}},
+              {"options", required_argument, nullptr, 0}, {"handshake-timeout", required_argument, nullptr, 0},
+              {"threads", required_argument, nullptr, 0}}},
             {"connect",
              {{"options", required_argument, nullptr, 0}, {"wait", required_argument, nullptr, 0},
               {"stats", no_argument, nullptr, 0}, {"connect-timeout", required_argument, nullptr, 0}}},
             {"tunnel",
              {{"listen-options", required_argument, nullptr, 0}, {"target-options", required_argument, nullptr, 0},
               {"buffer-size", required_argument, nullptr, 0}, {"handshake-timeout", required_argument, nullptr, 0},
-              {"connect-timeout", required_argument, nullptr, 0}}},
+              {"connect-timeout", required_argument, nullptr, 0}, {"threads", required_argument, nullptr, 0}}},
             {"run", {{"check", no_argument, nullptr, 0}}},
         };
         const CommandOptions * known = nullptr;

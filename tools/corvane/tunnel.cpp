@@ -13,6 +13,7 @@ namespace {
 const char * const kTunnelUsage =
     "usage: corvane tunnel LISTEN_URI TARGET_URI [--listen-options TEXT] [--target-options TEXT]\n"
     "                      [--buffer-size BYTES] [--handshake-timeout MS] [--connect-timeout MS]\n"
+    "                      [--threads N]\n"
     "\n"
     "Listens on LISTEN_URI and forwards every connection that comes in to a new connection to\n"
     "TARGET_URI, both ways, until SIGINT or SIGTERM. Prints 'listening on URI' (with the real port\n"
@@ -20,11 +21,15 @@ const char * const kTunnelUsage =
     "\n"
     "  --listen-options TEXT   option text of the listening side (key=value;key=value)\n"
     "  --target-options TEXT   option text of each outgoing connection\n"
-    "  --buffer-size BYTES     buffer of each direction of each connection (default 1048576)\n"
+    "  --buffer-size BYTES     most buffered in each direction of each connection (default\n"
+    "                          1048576); a connection starts with 64 KiB and grows while it is full\n"
     "  --handshake-timeout MS  drop an incoming connection whose TLS handshake or WebSocket upgrade\n"
     "                          is not done within MS milliseconds (default 10000; 0: no limit)\n"
     "  --connect-timeout MS    give up an outgoing connection (each proxy, then directly) that is not\n"
-    "                          open within MS milliseconds, handshakes included (default 30000; 0: none)\n";
+    "                          open within MS milliseconds, handshakes included (default 30000; 0: none)\n"
+    "  --threads N             reactor threads, 1 to 64 (default: one per core). Each has a tunnel\n"
+    "                          of its own on the same port (SO_REUSEPORT) and holds at most 511\n"
+    "                          connections: give one thread per 350 connections expected\n";
 
 unsigned int parseBufferSize(const std::string & text) {
     char * end = nullptr;
@@ -45,6 +50,7 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
     std::string handshakeTimeout = cli::kHandshakeTimeoutDefault;
     std::string connectTimeout = cli::kConnectTimeoutDefault;
     unsigned int bufferSize = 0x100000;
+    int threads = cli::defaultThreads();
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string & arg = args[i];
         if (arg == "--help" || arg == "-h") {
@@ -59,6 +65,8 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
             handshakeTimeout = cli::millisecondsValue(args, i);
         } else if (arg == "--connect-timeout") {
             connectTimeout = cli::millisecondsValue(args, i);
+        } else if (arg == "--threads") {
+            threads = cli::parseThreads("tunnel", cli::optionValue(args, i));
         } else if (arg == "--buffer-size") {
             bufferSize = parseBufferSize(cli::optionValue(args, i));
         } else if (arg.rfind("--", 0) == 0) {
@@ -73,25 +81,47 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
     listenOptions = cli::withTimeLimit(listenOptions, "HandshakeTimeout", handshakeTimeout);
     targetOptions = cli::withTimeLimit(targetOptions, "ConnectTimeout", connectTimeout);
 
-    Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
-    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(cli::hostSocketOptions()));
-    Common::SmartPtr<net::ITunnelStore> store(
-        context.module->createTunnelStore(reactor.get(), factory.get(), bufferSize));
-    reactor->startProcessing();
+    // One reactor per thread, each with a store of its own: both channels of a connection stay
+    // on the reactor that accepted it, and the kernel spreads the connections (SO_REUSEPORT).
+    net::SocketOptions socketOptions = cli::hostSocketOptions();
+    socketOptions.reusePort = threads > 1 && cli::portFree(positional[0]);
+    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
+    std::vector<Common::SmartPtr<net::IReactor>> reactors;
+    std::vector<Common::SmartPtr<net::ITunnelStore>> stores;
+    auto stopAll = [&]() {
+        // Connections first, then the listening services and the creator threads, then the
+        // reactors.
+        for (auto & store : stores) {
+            store->shutdown();
+        }
+        for (auto & reactor : reactors) {
+            reactor->stopProcessing();
+        }
+    };
+    std::string listenURI = positional[0];
+    std::string localURI;
     try {
-        net::ITunnelService * service = store->startTunnel(positional[0].c_str(), listenOptions.c_str(),
-                                                           positional[1].c_str(), targetOptions.c_str());
-        std::cout << "listening on " << service->getLocalURI() << std::endl;
+        for (int i = 0; i < threads; ++i) {
+            Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+            reactor->startProcessing();
+            reactors.push_back(reactor);
+            stores.emplace_back(context.module->createTunnelStore(reactor.get(), factory.get(), bufferSize));
+            net::ITunnelService * service = stores.back()->startTunnel(listenURI.c_str(), listenOptions.c_str(),
+                                                                       positional[1].c_str(), targetOptions.c_str());
+            if (i == 0) {
+                // The others listen on the port the first one got (port 0 picks one).
+                localURI = service->getLocalURI();
+                listenURI = cli::samePort(listenURI, localURI);
+                std::cout << "listening on " << localURI << std::endl;
+            }
+        }
     } catch (const std::exception & e) {
-        // The creator thread may already run: end it, or the store would never go.
-        store->shutdown();
-        reactor->stopProcessing();
-        throw std::runtime_error(cli::listenFailure(positional[0], e));
+        // A creator thread may already run: end it, or the store would never go.
+        stopAll();
+        throw std::runtime_error(cli::listenFailure(listenURI, e));
     }
     cli::waitForStopSignal();
     cli::StopGuard stopping("stopping the tunnels", cli::kStopMilliseconds);
-    // Connections first, then the listening services and the creator thread, then the reactor.
-    store->shutdown();
-    reactor->stopProcessing();
+    stopAll();
     return 0;
 }
