@@ -55,20 +55,86 @@ make_certificates() {
         -extfile "$work/san" -out "$work/cert.pem" 2>/dev/null
 }
 
+# cpu_ms PID...: the CPU time (user and system, all threads) the processes have used, in ms.
+cpu_ms() {
+    local ticks=0 pid
+    for pid in "$@"; do
+        ticks=$((ticks + $(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pid/stat")))
+    done
+    echo $((ticks * 1000 / $(getconf CLK_TCK)))
+}
+
+# The CPU figures of the last collect, by target: ms per 1000 connections (rate) or per GB (bulk),
+# taken from the processes in the variable TARGET_pids (a target without one has none).
+declare -A cpu_runs=()
+
 # collect RUNS MODE ARGUMENT TARGET...: REPEAT rounds of `$TUNNELBENCH MODE PORT ARGUMENT` over
 # the targets in turn (the port of TARGET in the variable TARGET_port); each result is appended
-# to the entry of its target in the associative array named RUNS.
+# to the entry of its target in the associative array named RUNS, and the CPU its processes
+# used to cpu_runs.
 collect() {
     local -n collect_runs=$1
     local mode=$2 argument=$3
     shift 3
+    cpu_runs=()
     for _ in $(seq 1 "$REPEAT"); do
         for target in "$@"; do
-            local port_variable="${target}_port"
-            collect_runs[$target]+=" $("$TUNNELBENCH" "$mode" "${!port_variable}" "$argument")"
+            local port_variable="${target}_port" pids_variable="${target}_pids"
+            local before=0 result
+            [[ -n ${!pids_variable:-} ]] && before=$(cpu_ms ${!pids_variable})
+            result=$("$TUNNELBENCH" "$mode" "${!port_variable}" "$argument")
+            collect_runs[$target]+=" $result"
+            if [[ -n ${!pids_variable:-} ]]; then
+                local used=$(($(cpu_ms ${!pids_variable}) - before))
+                if [[ $mode == rate ]]; then
+                    cpu_runs[$target]+=" $(awk -v u="$used" -v r="$result" -v s="$argument" 'BEGIN { printf "%.0f", (r > 0 ? u * 1000 / (r * s) : 0) }')"
+                else
+                    cpu_runs[$target]+=" $(awk -v u="$used" -v b="$argument" 'BEGIN { printf "%.0f", u * 1e9 / b }')"
+                fi
+            fi
         done
     done
 }
+
+# cpu_figures LABEL UNIT REFERENCE TARGET...: one line of the medians in cpu_runs, with each
+# target's ratio to REFERENCE (lower is better).
+cpu_figures() {
+    local label=$1 unit=$2 reference=$3 line median min max
+    shift 3
+    local -A cpu_medians=()
+    line="$label:"
+    for target in "$@"; do
+        [[ -n ${cpu_runs[$target]:-} ]] || continue
+        # shellcheck disable=SC2086
+        read -r median min max < <(stats ${cpu_runs[$target]})
+        cpu_medians[$target]=$median
+        line+=" $target $median $unit (min/median/max $min/$median/$max),"
+    done
+    printf '%s' "${line%,}"
+    for target in "$@"; do
+        [[ $target != "$reference" && -n ${cpu_medians[$target]:-} && -n ${cpu_medians[$reference]:-} ]] || continue
+        awk -v t="$target" -v r="$reference" -v a="${cpu_medians[$target]}" -v b="${cpu_medians[$reference]}" \
+            'BEGIN { printf "; %s/%s %.2f", t, r, (b > 0 ? a / b : 0) }'
+    done
+    echo
+}
+
+# haproxy_tcp VARIABLE TARGET_PORT [SERVER_SUFFIX]: starts haproxy in tcp mode on a free port in
+# front of 127.0.0.1:TARGET_PORT (SERVER_SUFFIX: more words of its server line, e.g. ssl),
+# with FRONT_SUFFIX more words of its bind line; sets VARIABLE to the port and VARIABLE_pid.
+haproxy_tcp() {
+    local variable=$1 target=$2 suffix=${3:-} port
+    port=$(free_port)
+    printf '%s\n' "global" "    maxconn 4000" "    nbthread 1" "defaults" "    mode tcp" "    timeout connect 5s" \
+        "    timeout client 60s" "    timeout server 60s" "listen $variable" "    bind 127.0.0.1:$port ${FRONT_SUFFIX:-}" \
+        "    server target 127.0.0.1:$target $suffix" >"$work/$variable.cfg"
+    "$HAPROXY" -f "$work/$variable.cfg" -db >"$work/$variable.log" 2>&1 &
+    pids+=($!)
+    printf -v "${variable}_pid" '%s' "$!"
+    wait_for accepting "$port"
+    printf -v "$variable" '%s' "$port"
+}
+HAPROXY=${HAPROXY:-/usr/sbin/haproxy}
 
 # figures LABEL UNIT RUNS MEDIANS TARGET...: prints "LABEL: TARGET median UNIT (min/median/max
 # ...), ..." without a line end, from the associative array named RUNS, and stores each

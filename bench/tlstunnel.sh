@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Throughput and connection rate through a TLS tunnel pair, `corvane tunnel tcp->ssl` into
-# `corvane tunnel ssl->tcp`, against a stunnel client/server pair with the same certificates and
-# against the plain tcp tunnel pair. Loopback only; certificates are made here for this run;
+# `corvane tunnel ssl->tcp`, against haproxy and stunnel client/server pairs with the same
+# certificates and against the plain tcp tunnel pair; corvane and haproxy both with session
+# resumption (their default) and with full handshakes only; with the CPU of each pair per 1000
+# connections and per GB. Loopback only; certificates are made here for this run;
 # every server is started here and killed by its PID on exit.
 #   CORVANE      the corvane binary (default build/tools/corvane/corvane)
 #   TUNNELBENCH  the peer and client program (default: bench/tunnelbench beside corvane's build)
@@ -37,8 +39,26 @@ corvane_tunnel tls_in ssl://127.0.0.1:0 "tcp://127.0.0.1:$server_port" \
     --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true"
 corvane_tunnel corvane_port tcp://127.0.0.1:0 "ssl://localhost:$tls_in" \
     --target-options "CAFile=$work/ca.pem${CLIENT_TLS:+;$CLIENT_TLS}"
+corvane_pids="$(jobs -p | tail -n2 | tr '\n' ' ')"
+corvane_tunnel full_in ssl://127.0.0.1:0 "tcp://127.0.0.1:$server_port" \
+    --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true;SessionResumption=false"
+corvane_tunnel corvane_full_port tcp://127.0.0.1:0 "ssl://localhost:$full_in" \
+    --target-options "CAFile=$work/ca.pem;SessionResumption=false${CLIENT_TLS:+;$CLIENT_TLS}"
+corvane_full_pids="$(jobs -p | tail -n2 | tr '\n' ' ')"
 corvane_tunnel tcp_in tcp://127.0.0.1:0 "tcp://127.0.0.1:$server_port"
 corvane_tunnel tcp_port tcp://127.0.0.1:0 "tcp://127.0.0.1:$tcp_in"
+tcp_pids="$(jobs -p | tail -n2 | tr '\n' ' ')"
+
+# haproxy: the same pair, verifying the server's chain and name; once resuming sessions (its
+# default), once with full handshakes only.
+cat "$work/cert.pem" "$work/key.pem" >"$work/haproxy.pem"
+FRONT_SUFFIX="ssl crt $work/haproxy.pem" haproxy_tcp haproxy_in "$server_port"
+haproxy_tcp haproxy_port "$haproxy_in" "ssl verify required ca-file $work/ca.pem sni str(localhost) verifyhost localhost"
+haproxy_pids="$haproxy_in_pid $haproxy_port_pid"
+FRONT_SUFFIX="ssl crt $work/haproxy.pem no-tls-tickets" haproxy_tcp haproxy_full_in "$server_port"
+haproxy_tcp haproxy_full_port "$haproxy_full_in" \
+    "ssl verify required ca-file $work/ca.pem sni str(localhost) verifyhost localhost no-ssl-reuse"
+haproxy_full_pids="$haproxy_full_in_pid $haproxy_full_port_pid"
 
 # stunnel: the same pair with the same certificates, verifying the server's chain and name.
 stunnel_in=$(free_port)
@@ -50,26 +70,32 @@ printf '%s\n' "foreground = yes" "pid =" "debug = 0" "[out]" "client = yes" "acc
     "sni = localhost" >"$work/out.conf"
 stunnel4 "$work/in.conf" 2>/dev/null &
 pids+=($!)
+stunnel_pids=$!
 stunnel4 "$work/out.conf" 2>/dev/null &
 pids+=($!)
+stunnel_pids+=" $!"
 wait_for accepting "$stunnel_in"
 wait_for accepting "$stunnel_port"
 
 # One connection through each pair first: the first TLS client connection of a tunnel builds
 # its context, which is not what the figures are about.
-for port in "$corvane_port" "$stunnel_port" "$tcp_port"; do
+for port in "$corvane_port" "$corvane_full_port" "$haproxy_port" "$haproxy_full_port" "$stunnel_port" "$tcp_port"; do
     "$TUNNELBENCH" rate "$port" 0.001 >/dev/null
 done
 
 
-# measure MODE ARGUMENT LABEL UNIT: each pair in turn, REPEAT times; one figure line.
+# measure MODE ARGUMENT LABEL UNIT CPU_LABEL: each pair in turn, REPEAT times; one figure line and
+# one CPU line.
 measure() {
     local -A runs=() medians=()
-    collect runs "$1" "$2" corvane stunnel tcp
-    figures "$3" "$4" runs medians corvane stunnel tcp
-    awk -v c="${medians[corvane]}" -v s="${medians[stunnel]}" -v t="${medians[tcp]}" \
-        'BEGIN { printf "; corvane/stunnel %.2f, corvane tls/tcp %.2f\n", c / s, c / t }'
+    local targets=(corvane corvane_full haproxy haproxy_full stunnel tcp)
+    collect runs "$1" "$2" "${targets[@]}"
+    figures "$3" "$4" runs medians "${targets[@]}"
+    awk -v c="${medians[corvane]}" -v cf="${medians[corvane_full]}" -v h="${medians[haproxy]}" \
+        -v hf="${medians[haproxy_full]}" -v s="${medians[stunnel]}" -v t="${medians[tcp]}" \
+        'BEGIN { printf "; corvane/haproxy %.2f, corvane_full/haproxy_full %.2f, corvane/stunnel %.2f, corvane tls/tcp %.2f\n", c / h, cf / hf, c / s, c / t }'
+    cpu_figures "$5" ms haproxy "${targets[@]}"
 }
 
-measure bulk "$BULK_BYTES" "TLS tunnel pair throughput" "MB/s"
-measure rate "$RATE_SECONDS" "TLS tunnel pair connection rate" "conn/s"
+measure bulk "$BULK_BYTES" "TLS tunnel pair throughput" "MB/s" "TLS tunnel pair CPU per GB"
+measure rate "$RATE_SECONDS" "TLS tunnel pair connection rate" "conn/s" "TLS tunnel pair CPU per 1000 connections"

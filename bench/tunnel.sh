@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Throughput and connection rate through `corvane tunnel` (tcp to tcp), against socat doing the
-# same forwarding and against the direct connection. Loopback only; every server is started here
+# Throughput and connection rate through `corvane tunnel` (tcp to tcp), against haproxy (tcp
+# mode, one thread) and socat doing the same forwarding and against the direct connection, with
+# the CPU each forwarder uses per 1000 connections and per GB. Loopback only; every server is started here
 # on a free port and killed by its PID on exit.
 #   CORVANE      the corvane binary (default build/tools/corvane/corvane)
 #   TUNNELBENCH  the peer and client program (default: bench/tunnelbench beside corvane's build)
@@ -30,33 +31,40 @@ server_port=$(head -n1 "$work/server")
 
 "$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$server_port" >"$work/corvane" &
 pids+=($!)
+corvane_pids=$!
 wait_for grep -q '^listening on ' "$work/corvane"
 corvane_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/corvane")
 
 socat_port=$(free_port)
 socat "TCP-LISTEN:$socat_port,bind=127.0.0.1,fork,reuseaddr" "TCP:127.0.0.1:$server_port" &
 pids+=($!)
+socat_pids=$!
 wait_for accepting "$socat_port"
 
+haproxy_tcp haproxy_port "$server_port"
+
+haproxy_pids=$haproxy_port_pid
 direct_port=$server_port
 
 # report LABEL UNIT RUNS: one figure line with the ratios against socat and the direct connection.
 report() {
     local -A medians=()
-    figures "$1" "$2" "$3" medians corvane socat direct
-    awk -v c="${medians[corvane]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
-        'BEGIN { printf "; corvane/socat %.2f, corvane/direct %.2f\n", c / s, c / d }'
+    figures "$1" "$2" "$3" medians corvane haproxy socat direct
+    awk -v c="${medians[corvane]}" -v h="${medians[haproxy]}" -v s="${medians[socat]}" -v d="${medians[direct]}" \
+        'BEGIN { printf "; corvane/haproxy %.2f, corvane/socat %.2f, corvane/direct %.2f\n", c / h, c / s, c / d }'
 }
 
 # measure MODE ARGUMENT LABEL UNIT: runs each target in turn, REPEAT times, and prints one line.
 measure() {
     local -A runs=()
-    collect runs "$1" "$2" corvane socat direct
+    collect runs "$1" "$2" corvane haproxy socat direct
     report "$3" "$4" runs
 }
 
 measure bulk "$BULK_BYTES" "tunnel throughput" "MB/s"
+cpu_figures "tunnel CPU per GB" "ms" haproxy corvane haproxy socat
 measure rate "$RATE_SECONDS" "tunnel connection rate" "conn/s"
+cpu_figures "tunnel CPU per 1000 connections" "ms" haproxy corvane haproxy socat
 
 # Round trips of 64 bytes with every process on CPU 0: unpinned round trips on a 2-CPU machine
 # are bimodal (the two ends wake on the same or on different CPUs) and mean nothing.
@@ -64,7 +72,7 @@ for pid in "${pids[@]}"; do taskset -apc 0 "$pid" >/dev/null; done
 latency() {
     local -A p50s=() p99s=()
     for _ in $(seq 1 "$REPEAT"); do
-        for target in corvane socat direct; do
+        for target in corvane haproxy socat direct; do
             local port_variable="${target}_port"
             read -r p50 p99 < <(taskset -c 0 "$TUNNELBENCH" latency "${!port_variable}" "$LATENCY_ROUNDS")
             p50s[$target]+=" $p50"

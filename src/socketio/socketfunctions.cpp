@@ -158,6 +158,14 @@ void socket_options::configureListeningSocket(unsigned int socket) const {
     if (reusePort) {
         setInt(socket, SOL_SOCKET, SO_REUSEPORT, 1, "setsockopt[SO_REUSEPORT]");
     }
+    // A connection accepted on this socket inherits these and the buffer sizes and TCP_NODELAY
+    // above (Linux copies the listener's socket and TCP settings into each new connection), so
+    // accepting one costs no further system call for its options.
+    if (linger) {
+        struct linger value{1, 0};
+        setOption(socket, SOL_SOCKET, SO_LINGER, &value, sizeof value, "setsockopt[SO_LINGER]");
+    }
+    setInt(socket, SOL_SOCKET, SO_KEEPALIVE, keepAlive ? 1 : 0, "setsockopt[SO_KEEPALIVE]");
 }
 
 unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket_options & options) {
@@ -260,8 +268,8 @@ unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const sock
     if (fd < 0) {
         return INVALID_SOCKET_HANDLE;
     }
+    static_cast<void>(options);  // set on the listening socket, and inherited from it
     try {
-        options.configureConnectedSocket(static_cast<unsigned int>(fd));
         peer = net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, true, "tcp");
     } catch (...) {
         close(fd);

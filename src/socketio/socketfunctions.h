@@ -31,7 +31,8 @@ unsigned int SocketListen(const net::URI & uri, const socket_options & options);
 // The invalid handle when accept fails; `peer` is then untouched. The peer's scheme is "tcp".
 // At the descriptor limit (EMFILE, ENFILE) the waiting connection is accepted with the spare
 // descriptor and closed at once, so that the listening socket does not stay readable; errno is
-// then EMFILE.
+// then EMFILE. The new socket's options are those it inherits from a listening socket that
+// SocketListen set up with the same `options`: none is set on it again.
 unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const socket_options & options);
 
 // Gives the process's spare descriptor up for a moment to accept and close one waiting

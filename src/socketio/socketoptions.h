@@ -28,9 +28,10 @@ struct socket_options {
     // TCP_NODELAY, SO_RCVBUF and SO_SNDBUF (when not 0), in this order. The first failure
     // throws socketio::SocketException and no later option is set.
     void configureConnectedSocket(unsigned int socket) const;
-    // For a socket before bind: SO_RCVBUF, SO_SNDBUF (when not 0), TCP_NODELAY,
-    // IPV6_V6ONLY (IPv6 sockets only: Linux refuses it on IPv4 ones), SO_REUSEADDR,
-    // SO_REUSEPORT (when reusePort).
+    // For a socket before bind: SO_RCVBUF, SO_SNDBUF (when not 0), TCP_NODELAY, IPV6_V6ONLY
+    // (IPv6 sockets only: Linux refuses it on IPv4 ones), SO_REUSEADDR, SO_REUSEPORT (when
+    // reusePort), then SO_LINGER (when linger) and SO_KEEPALIVE. Every connection accepted on
+    // it inherits the connected socket's settings from these.
     void configureListeningSocket(unsigned int socket) const;
 };
 

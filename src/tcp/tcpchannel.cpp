@@ -1,6 +1,6 @@
 #include "tcp/tcpchannel.h"
 
-#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -30,7 +30,8 @@ int errorOrContinue(std::atomic<bool> & failureLogged) {
 }
 }  // namespace
 
-TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home)
+TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home, const net::URI * peer,
+                       const net::URI * local)
     : m_socket(socket),
       m_readInterest(nullptr),
       m_readEnd(nullptr),
@@ -40,10 +41,11 @@ TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home)
       m_sendFailureLogged(false),
       m_closedByOwner(false),
       m_handlerReleased(false) {
-    int fd = static_cast<int>(socket);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    m_localURI = socketio::SocketLocalURI(socket, true, "tcp").ToString();
-    m_peerURI = socketio::SocketPeerURI(socket, "tcp").ToString();
+    // One call that sets only the non-blocking flag, without reading the others first.
+    int nonBlocking = 1;
+    ioctl(static_cast<int>(socket), FIONBIO, &nonBlocking);
+    m_localURI = (local != nullptr ? *local : socketio::SocketLocalURI(socket, true, "tcp")).ToString();
+    m_peerURI = (peer != nullptr ? *peer : socketio::SocketPeerURI(socket, "tcp")).ToString();
     m_description = m_localURI + " <-> " + m_peerURI;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "corvane/channel.h"
+#include "corvane/uri.h"
 #include "socketio/halfclose.h"
 #include "socketio/iselecteventsubscriber.h"
 #include "socketio/readinterest.h"
@@ -30,7 +31,11 @@ public:
     // `home`: the reactor an accepted channel will be registered with, known before its
     // acceptor sees it, so that a close() on another thread before the registration
     // synchronises with it.
-    explicit TCPChannel(unsigned int socket, socketio::SelectReactor * home = nullptr);
+    // `peer` and `local`: the connection's addresses where the caller knows them already
+    // (an accepted connection's peer, a server's bound address); the others are asked of the
+    // socket.
+    explicit TCPChannel(unsigned int socket, socketio::SelectReactor * home = nullptr, const net::URI * peer = nullptr,
+                        const net::URI * local = nullptr);
     ~TCPChannel() override;
 
     const char * getLocalURI() const override { return m_localURI.c_str(); }

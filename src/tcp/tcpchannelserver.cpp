@@ -53,6 +53,10 @@ TCPChannelServer::TCPChannelServer(unsigned int socket, net::IChannelAcceptor * 
                                    const socketio::socket_options & options)
     : m_socket(socket), m_acceptor(acceptor), m_socketOptions(options), m_bAcceptFailing(false) {
     m_localURI = socketio::SocketLocalURI(socket, false, "tcp").ToString();
+    net::URI local = socketio::SocketLocalURI(socket, true, "tcp");
+    if (!local.hostIsAnyInterface()) {
+        m_connectionLocal.reset(new net::URI(local));
+    }
 }
 
 TCPChannelServer::~TCPChannelServer() = default;
@@ -91,7 +95,7 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
-        channel = new TCPChannel(socket, reactor.get());
+        channel = new TCPChannel(socket, reactor.get(), &peer, m_connectionLocal.get());
         handler = m_acceptor->accept(channel.get());
         // Taken: an acceptor that kept it for this thread (Common::KeepForCaller) lets it go.
         Common::KeepForCaller(nullptr);

@@ -3,6 +3,8 @@
 // the same reactor. Holds its acceptor and, while registered, its reactor.
 #pragma once
 
+#include <memory>
+
 #include <cstdint>
 #include <string>
 
@@ -52,6 +54,9 @@ private:
     Common::SmartPtr<net::IChannelAcceptor> m_acceptor;
     socketio::socket_options m_socketOptions;
     std::string m_localURI;
+    // The local address of every connection accepted here, when the server listens on one
+    // address rather than on all of them; else asked of each connection.
+    std::unique_ptr<net::URI> m_connectionLocal;
     bool m_bAcceptFailing;  // reactor thread only: the last accept failed
 };
 

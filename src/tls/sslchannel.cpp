@@ -1,7 +1,7 @@
 #include "tls/sslchannel.h"
 
-#include <fcntl.h>
 #include <openssl/err.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -53,8 +53,9 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
       m_handshakeLimit(0),
       m_handshakeDeadline(0),
       m_handlerFailed(false) {
-    int fd = static_cast<int>(socket);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    // One call that sets only the non-blocking flag, without reading the others first.
+    int nonBlocking = 1;
+    ioctl(static_cast<int>(socket), FIONBIO, &nonBlocking);
     if (ssl != nullptr) {
         // A repeated write may come from another address holding the same bytes (a host's
         // buffer that moved after send answered 0); OpenSSL then still checks the length.

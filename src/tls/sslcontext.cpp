@@ -108,7 +108,10 @@ std::string nameText(const X509_NAME * name) {
 }  // namespace
 
 SSLContext::SSLContext()
-    : m_LoadCryptoCertStore("true"), m_CipherList(defaultCipherList), m_EnableWeakMethods("false") {}
+    : m_LoadCryptoCertStore("true"),
+      m_CipherList(defaultCipherList),
+      m_EnableWeakMethods("false"),
+      m_SessionResumption("true") {}
 
 SSLContext::SSLContext(const net::OptionMap & options) : SSLContext() {
     const std::pair<const char *, std::string SSLContext::*> keys[] = {
@@ -122,6 +125,7 @@ SSLContext::SSLContext(const net::OptionMap & options) : SSLContext() {
         {"PKCS12File", &SSLContext::m_PKCS12File},
         {"CipherList", &SSLContext::m_CipherList},
         {"EnableWeakMethods", &SSLContext::m_EnableWeakMethods},
+        {"SessionResumption", &SSLContext::m_SessionResumption},
     };
     for (const auto & key : keys) {
         auto found = options.find(key.first);
@@ -142,7 +146,8 @@ SSLContext::SSLContext(SSLContext && other) noexcept
       m_CAPath(std::exchange(other.m_CAPath, std::string())),
       m_PKCS12File(std::exchange(other.m_PKCS12File, std::string())),
       m_CipherList(std::exchange(other.m_CipherList, std::string())),
-      m_EnableWeakMethods(std::exchange(other.m_EnableWeakMethods, std::string())) {
+      m_EnableWeakMethods(std::exchange(other.m_EnableWeakMethods, std::string())),
+      m_SessionResumption(std::exchange(other.m_SessionResumption, std::string())) {
     // The password callback finds the password through the object that set it up.
     if (m_ctx != nullptr && SSL_CTX_get_default_passwd_cb_userdata(m_ctx) == &other) {
         SSL_CTX_set_default_passwd_cb_userdata(m_ctx, this);
@@ -182,6 +187,10 @@ void SSLContext::requireServerIdentity() {
         // Without these every handshake would fail later, one client at a time and unexplained.
         throw InternalException(missing.c_str(), true);
     }
+}
+
+bool SSLContext::sessionResumption() const {
+    return net::OptionMap::isTrue(m_SessionResumption);
 }
 
 void SSLContext::setup(bool /*unused*/) {
@@ -260,9 +269,19 @@ void SSLContext::setup(bool /*unused*/) {
         SSL_CTX_add_CryptoAPI_certificate_store(m_ctx, "ROOT");
         SSL_CTX_add_CryptoAPI_certificate_store(m_ctx, "CA");
     }
-    // 14, 15. No session cache, no tickets: every connection is a full handshake.
-    SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_options(m_ctx, SSL_OP_NO_TICKET);
+    // 14, 15. A resumed session costs a fraction of a full handshake. As a server the context
+    // keeps a session cache and issues tickets; a client context's sessions are kept by its
+    // owner per target. The session id context is the same for every context of this module:
+    // a server that asks for client certificates may not resume without one. Off, every
+    // connection is a full handshake.
+    if (sessionResumption()) {
+        static const unsigned char sessionContext[] = "corvane";
+        SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_SERVER);
+        SSL_CTX_set_session_id_context(m_ctx, sessionContext, sizeof sessionContext - 1);
+    } else {
+        SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_OFF);
+        SSL_CTX_set_options(m_ctx, SSL_OP_NO_TICKET);
+    }
     SSL_CTX_set_options(m_ctx, SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION);
     // 16. Automatic ECDH curves; always on in OpenSSL 3, where this call only returns 1.
     static_cast<void>(SSL_CTX_set_ecdh_auto(m_ctx, 1));
@@ -271,6 +290,17 @@ void SSLContext::setup(bool /*unused*/) {
     if (dh == nullptr || SSL_CTX_set0_tmp_dh_pkey(m_ctx, dh) != 1) {
         EVP_PKEY_free(dh);
         fail("unable to set Diffie-Hellman key");
+    }
+    // 18. This side's own chain, completed from the trust store once here rather than on every
+    // handshake (where it would look through the system's certificate directory each time).
+    // The chain of the certificate file stays part of it; one that cannot be completed is sent
+    // as far as it goes, as before. A PKCS#12 chain is sent as it stands and is left alone.
+    STACK_OF(X509) * extraChain = nullptr;
+    SSL_CTX_get_extra_chain_certs_only(m_ctx, &extraChain);
+    if (SSL_CTX_get0_certificate(m_ctx) != nullptr && sk_X509_num(extraChain) <= 0) {
+        static_cast<void>(SSL_CTX_build_cert_chain(m_ctx, SSL_BUILD_CHAIN_FLAG_UNTRUSTED | SSL_BUILD_CHAIN_FLAG_IGNORE_ERROR |
+                                                              SSL_BUILD_CHAIN_FLAG_CLEAR_ERROR));
+        ERR_clear_error();
     }
 }
 

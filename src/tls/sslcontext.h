@@ -21,7 +21,7 @@ public:
         "RSA+3DES:!aNULL:!MD5:!DSS";
 
     // The defaults: no certificate, key or PKCS#12 file, verification on, the system stores
-    // trusted, defaultCipherList, SSLv3 off. Makes no OpenSSL call.
+    // trusted, defaultCipherList, SSLv3 off, session resumption on. Makes no OpenSSL call.
     SSLContext();
     // The defaults, each replaced by the option of the same key when present (also when
     // present and empty). Touches no file and makes no OpenSSL call.
@@ -44,6 +44,9 @@ public:
     // For a server, after setup (run first if needed): throws InternalException naming what
     // is missing when the context has no certificate, or no private key that matches it.
     void requireServerIdentity();
+    // Whether connections of this context may resume earlier sessions (option
+    // SessionResumption, "true" unless given otherwise).
+    bool sessionResumption() const;
 
     // Installed by setup unless NoCertify is "true": logs why a certificate failed and
     // forgives nothing. Runs inside OpenSSL on the handshaking thread.
@@ -69,6 +72,7 @@ private:
     std::string m_PKCS12File;
     std::string m_CipherList;
     std::string m_EnableWeakMethods;
+    std::string m_SessionResumption;
 };
 
 // Adds the certificates of a system store to ctx's trust store. On Linux "ROOT" is the

@@ -135,6 +135,7 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
         throw tools::SSLException();
     }
     const std::string host = parsedUri.getHost();
+    ClientContextCache::prepareConnection(guard.ssl, host + ':' + std::to_string(parsedUri.getPort()));
     ERR_clear_error();
     // Server Name Indication is sent for a name and an address literal alike.
     int result = static_cast<int>(SSL_set_tlsext_host_name(guard.ssl, host.c_str()));

@@ -79,14 +79,22 @@ void TunnelCreatorThread::stopProcessing() {
 
 void TunnelCreatorThread::submit(Common::SmartPtr<TunnelEndPoint> endPoint, IChannelEndpoint * endpoint) {
     LOG4CXX_TRACE(logger, "submit");
-    Common::ScopedLock guard(&m_lock);
-    m_queue.push_back(Job{std::move(endPoint), endpoint});
-    if (m_idle < m_queue.size() && m_threads.size() < kMaxWorkers && !m_stop && !m_threads.empty()) {
-        // No worker is free for this job: one more runs it, while the busy ones wait on their
-        // targets. Without a thread the job simply waits for a busy worker.
-        startWorker_i();
+    bool wake;
+    {
+        Common::ScopedLock guard(&m_lock);
+        m_queue.push_back(Job{std::move(endPoint), endpoint});
+        if (m_idle < m_queue.size() && m_threads.size() < kMaxWorkers && !m_stop && !m_threads.empty()) {
+            // No worker is free for this job: one more runs it, while the busy ones wait on their
+            // targets. Without a thread the job simply waits for a busy worker.
+            startWorker_i();
+        }
+        // A worker that is not waiting looks at the queue before it waits again.
+        wake = m_idle > 0;
     }
-    m_condition.Signal();
+    // After the lock: the woken worker does not run straight into the lock still held here.
+    if (wake) {
+        m_condition.Signal();
+    }
 }
 
 void TunnelCreatorThread::ThreadMain() {

@@ -17,16 +17,18 @@ int MessageBuffer::recv(int length, void * buffer) {
     auto * position = static_cast<char *>(buffer);
     std::size_t remaining = static_cast<std::size_t>(length);
     while (!m_Messages.empty()) {
-        std::string & message = m_Messages.front();
-        const std::size_t count = std::min(message.size(), remaining);
-        std::memcpy(position, message.data(), count);
+        const std::string & message = m_Messages.front();
+        const std::size_t left = message.size() - m_frontOffset;
+        const std::size_t count = std::min(left, remaining);
+        std::memcpy(position, message.data() + m_frontOffset, count);
         position += count;
         remaining -= count;
-        if (count < message.size()) {
-            message.erase(0, count);
+        if (count < left) {
+            m_frontOffset += count;
             break;
         }
-        m_Messages.erase(m_Messages.begin());
+        m_Messages.pop_front();
+        m_frontOffset = 0;
         if (remaining == 0) {
             break;
         }

@@ -5,8 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
-#include <vector>
 
 #include "corvane/channel.h"
 
@@ -30,7 +30,10 @@ public:
     std::uint32_t size() const { return m_nSize; }
 
 private:
-    std::vector<std::string> m_Messages;
+    std::deque<std::string> m_Messages;
+    // Bytes of the front message already delivered: a message read in pieces is not moved
+    // down after each piece, which would cost a copy of its rest every time.
+    std::size_t m_frontOffset = 0;
     std::uint32_t m_nSize;
 };
 

@@ -41,13 +41,22 @@ TEST(SocketOptions, ConnectedSocketGetsEachOptionAsConfigured) {
     unsigned int client = socketio::SocketConnect(
         net::URI::FromString("tcp://127.0.0.1:" + std::to_string(localPort(server))), options);
 
+    net::URI peer = net::URI::FromString("tcp://");
+    // The accepted end has the same options, inherited from the listening socket.
+    unsigned int accepted = socketio::SocketAccept(server, peer, options);
+    ASSERT_NE(accepted, socketio::INVALID_SOCKET_HANDLE);
+
     linger value{};
     socklen_t length = sizeof value;
-    getsockopt(static_cast<int>(client), SOL_SOCKET, SO_LINGER, &value, &length);
-    EXPECT_EQ(value.l_onoff, 1);
-    EXPECT_EQ(value.l_linger, 0);
-    EXPECT_EQ(intOption(client, SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(intOption(client, IPPROTO_TCP, TCP_NODELAY), 1);
+    for (unsigned int end : {client, accepted}) {
+        SCOPED_TRACE(end == client ? "connected" : "accepted");
+        length = sizeof value;
+        getsockopt(static_cast<int>(end), SOL_SOCKET, SO_LINGER, &value, &length);
+        EXPECT_EQ(value.l_onoff, 1);
+        EXPECT_EQ(value.l_linger, 0);
+        EXPECT_EQ(intOption(end, SOL_SOCKET, SO_KEEPALIVE), 1);
+        EXPECT_EQ(intOption(end, IPPROTO_TCP, TCP_NODELAY), 1);
+    }
 
     // The kernel reports its own reading of a buffer size: compare with a socket set by hand.
     int reference = socket(AF_INET, SOCK_STREAM, 0);
@@ -55,6 +64,7 @@ TEST(SocketOptions, ConnectedSocketGetsEachOptionAsConfigured) {
     setsockopt(reference, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     int untouchedReference = socket(AF_INET, SOCK_STREAM, 0);
     EXPECT_EQ(intOption(client, SOL_SOCKET, SO_RCVBUF), intOption(static_cast<unsigned>(reference), SOL_SOCKET, SO_RCVBUF));
+    EXPECT_EQ(intOption(accepted, SOL_SOCKET, SO_RCVBUF), intOption(static_cast<unsigned>(reference), SOL_SOCKET, SO_RCVBUF));
     EXPECT_EQ(intOption(server, SOL_SOCKET, SO_RCVBUF), intOption(static_cast<unsigned>(reference), SOL_SOCKET, SO_RCVBUF));
     EXPECT_EQ(intOption(server, SOL_SOCKET, SO_REUSEADDR), 1);
     close(reference);
@@ -74,6 +84,7 @@ TEST(SocketOptions, ConnectedSocketGetsEachOptionAsConfigured) {
               intOption(static_cast<unsigned>(untouchedReference), SOL_SOCKET, SO_RCVBUF));
     close(plain);
     close(untouchedReference);
+    socketio::SocketClose(accepted);
     socketio::SocketClose(client);
     socketio::SocketClose(server);
 }

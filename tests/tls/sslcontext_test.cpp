@@ -169,11 +169,12 @@ TEST_F(SSLContextTest, OnlyExactTrueSwitchesWeakMethodsAndVerificationOff) {
         const char * options;
         bool noSSLv3;
         int verifyMode;
+        bool resumes;
     } cases[] = {
-        {"", true, SSL_VERIFY_PEER},
-        {"EnableWeakMethods=TRUE;NoCertify=True", true, SSL_VERIFY_PEER},
-        {"EnableWeakMethods=1;NoCertify=yes", true, SSL_VERIFY_PEER},
-        {"EnableWeakMethods=true;NoCertify=true", false, SSL_VERIFY_NONE},
+        {"", true, SSL_VERIFY_PEER, true},
+        {"EnableWeakMethods=TRUE;NoCertify=True;SessionResumption=False", true, SSL_VERIFY_PEER, false},
+        {"EnableWeakMethods=1;NoCertify=yes;SessionResumption=true", true, SSL_VERIFY_PEER, true},
+        {"EnableWeakMethods=true;NoCertify=true;SessionResumption=false", false, SSL_VERIFY_NONE, false},
     };
     for (const auto & c : cases) {
         SCOPED_TRACE(c.options);
@@ -181,10 +182,10 @@ TEST_F(SSLContextTest, OnlyExactTrueSwitchesWeakMethodsAndVerificationOff) {
         tools::SSLContext context = makeContext(std::string("LoadCryptoCertStore=false;") + c.options);
         const uint64_t options = SSL_CTX_get_options(context.context());
         EXPECT_EQ((options & SSL_OP_NO_SSLv3) != 0, c.noSSLv3);
-        const uint64_t always = SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_TICKET |
-                                SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION;
+        const uint64_t always = SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION;
         EXPECT_EQ(options & always, always);
-        EXPECT_EQ(SSL_CTX_get_session_cache_mode(context.context()), SSL_SESS_CACHE_OFF);
+        EXPECT_EQ((options & SSL_OP_NO_TICKET) == 0, c.resumes);
+        EXPECT_EQ(SSL_CTX_get_session_cache_mode(context.context()), c.resumes ? SSL_SESS_CACHE_SERVER : SSL_SESS_CACHE_OFF);
         EXPECT_EQ(SSL_CTX_get_verify_mode(context.context()), c.verifyMode);
         EXPECT_EQ(SSL_CTX_get_verify_callback(context.context()) == &tools::SSLContext::verifyCallback,
                   c.verifyMode == SSL_VERIFY_PEER);

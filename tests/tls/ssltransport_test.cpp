@@ -230,6 +230,75 @@ TEST_F(TlsTransport, ReplacedCAFileInCAPathIsNoticed) {
     }
 }
 
+// A second connection to the same target resumes the first one's session, on either side
+// and with each way of resuming (TLS 1.3 tickets, TLS 1.2 tickets and the server's session
+// cache); SessionResumption=false makes every connection a full handshake again.
+TEST_F(TlsTransport, SecondConnectionResumesUnlessTurnedOff) {
+    for (const std::string off : {"", ";SessionResumption=false"}) {
+        SCOPED_TRACE("options" + off);
+        // The client side against openssl s_server, whose message trace shows a certificate
+        // only in a full handshake.
+        OpenSSLServer peer(material().serverCert, {"-msg"});
+        ASSERT_NE(peer.port, 0);
+        for (int round = 0; round < 2; ++round) {
+            Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
+            Common::SmartPtr<net::IChannel> channel = open(peer.uri(), client.get(), kTrustTestCA + off);
+            // The answer comes after the server's tickets, so these have been kept by then.
+            client->queue("ping\n");
+            ASSERT_TRUE(waitFor([&] { return client->received() == "gnip\n"; })) << client->received();
+            channel->close();
+        }
+        auto count = [](const std::string & text, const std::string & what) {
+            size_t n = 0;
+            for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+                ++n;
+            }
+            return n;
+        };
+        std::string said;
+        EXPECT_TRUE(waitFor([&] { return count(said = peer.process->readUntil("\x01", 20), "CONNECTION CLOSED") == 2; }));
+        EXPECT_EQ(count(said, "], Certificate\n"), off.empty() ? 1u : 2u) << said;
+
+        // The server side against a client of the test's own.
+        Common::SmartPtr<net::IChannelServer> server = startServer(serverOptions() + off);
+        tools::SSLContext context = [] {
+            net::OptionMap options;
+            options.parse(kTrustTestCA.c_str());
+            return tools::SSLContext(options);
+        }();
+        for (const char * how : {"TLS 1.3", "TLS 1.2 ticket", "TLS 1.2 cache"}) {
+            SCOPED_TRACE(how);
+            SSL_SESSION * session = nullptr;
+            for (int round = 0; round < 2; ++round) {
+                int fd = corvane_test::LoopbackConnect(portOf(server->getLocalURI()));
+                SSL * ssl = SSL_new(context.context());
+                ASSERT_TRUE(ssl::SSL_set_socket(ssl, static_cast<unsigned int>(fd)));
+                if (std::string(how) != "TLS 1.3") {
+                    SSL_set_max_proto_version(ssl, TLS1_2_VERSION);
+                }
+                if (std::string(how) == "TLS 1.2 cache") {
+                    SSL_set_options(ssl, SSL_OP_NO_TICKET);
+                }
+                if (session != nullptr) {
+                    SSL_set_session(ssl, session);
+                    SSL_SESSION_free(session);
+                }
+                ASSERT_EQ(SSL_connect(ssl), 1);
+                char echo[4] = {};
+                ASSERT_EQ(SSL_write(ssl, "echo", 4), 4);
+                ASSERT_EQ(SSL_read(ssl, echo, sizeof echo), 4);
+                EXPECT_EQ(SSL_session_reused(ssl) == 1, round == 1 && off.empty());
+                session = SSL_get1_session(ssl);
+                SSL_shutdown(ssl);
+                SSL_free(ssl);
+                close(fd);
+            }
+            SSL_SESSION_free(session);
+        }
+        server->close();
+    }
+}
+
 TEST_F(TlsTransport, ServerAsksForClientCertificatesAndRefusesOnesThatDoNotVerify) {
     corvane_test::LogCapture log("INFO");
     Common::SmartPtr<net::IChannelServer> server = startServer();
