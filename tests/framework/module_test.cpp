@@ -186,21 +186,13 @@ TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBy
 
     // Once the output drains, reading resumes and every byte arrives in order.
     corvane_test::BoundBlockingCalls(sink);
-    size_t received = 0;
-    bool inOrder = true;
-    while (received < sent) {
-        char buffer[65536];
-        const ssize_t n = recv(sink, buffer, sizeof buffer, 0);
-        if (n <= 0) {
-            break;
-        }
-        for (ssize_t i = 0; i < n; ++i) {
-            inOrder = inOrder && buffer[i] == patternByte(received + static_cast<size_t>(i));
-        }
-        received += static_cast<size_t>(n);
+    const std::string received = corvane_test::RecvExact(sink, sent);
+    EXPECT_EQ(received.size(), sent);
+    size_t firstWrong = 0;
+    while (firstWrong < received.size() && received[firstWrong] == patternByte(firstWrong)) {
+        ++firstWrong;
     }
-    EXPECT_EQ(received, sent);
-    EXPECT_TRUE(inOrder);
+    EXPECT_EQ(firstWrong, received.size()) << "bytes lost or out of order";
     EXPECT_EQ(relay.readsWhileFull.load(), 0);
 
     close(client);

@@ -71,17 +71,7 @@ protected:
         return net::URI::FromString(server->getLocalURI()).getPort();
     }
     static std::string rawExchange(int fd, const std::string & message) {
-        send(fd, message.data(), message.size(), MSG_NOSIGNAL);
-        std::string answer;
-        char buffer[4096];
-        while (answer.size() < message.size()) {
-            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-            if (n <= 0) {
-                break;
-            }
-            answer.append(buffer, static_cast<size_t>(n));
-        }
-        return answer;
+        return corvane_test::SendAll(fd, message) ? corvane_test::RecvExact(fd, message.size()) : "";
     }
 
     Common::SmartPtr<net::IChannelFactory> factory;

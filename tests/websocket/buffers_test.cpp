@@ -41,9 +41,7 @@ TEST(RingBuffer, FullRingRefusesAndPartialRoomIsFilled) {
     EXPECT_EQ(ring.write("abcdefgh", 8), 8);
     EXPECT_EQ(ring.writeAvailable(), 0);
     EXPECT_EQ(ring.readAvailable(), 8);
-    EXPECT_EQ(ring.readPointer(), ring.readPointer());
     EXPECT_EQ(ring.write("x", 1), 0);
-    EXPECT_EQ(ring.toString(), "{ readAvailable=8, writeAvailable=0, size=8 }");
     EXPECT_EQ(drain(ring, 3), "abc");
     EXPECT_EQ(ring.write("12345", 5), 3);
     EXPECT_EQ(drain(ring, 100), "defgh123");
@@ -62,19 +60,9 @@ TEST(RingBuffer, WithoutCapacityOrWithNegativeCountNothingIsWritten) {
     EXPECT_EQ(ring.writeAvailable(), 4);
 }
 
-TEST(RingBuffer, WriteThatEndsAtTheEndWrapsTheWriteSide) {
-    Ring ring(6);
-    ring.write("abcd", 4);
-    drain(ring, 4);
-    // Two bytes up to the end: the write side wraps, the next write starts at the front.
-    EXPECT_EQ(ring.write("ef", 2), 2);
-    EXPECT_EQ(ring.write("ghij", 4), 4);
-    EXPECT_EQ(ring.readPieceLength(), 2);
-    EXPECT_EQ(drain(ring, 100), "efghij");
-}
-
 // Writes of every size from 1 to 2*capacity against drains that take at most N bytes, for
-// every N: the bytes come out complete and in order, whatever the wrap points.
+// every N: the bytes come out complete and in order, whatever the wrap points (writes that
+// end exactly at the end of the ring among them).
 TEST(RingBuffer, StreamSurvivesEveryWriteAndDrainSize) {
     const std::string input = pattern(4000, 3);
     for (std::int64_t limit = 1; limit <= 17; ++limit) {
