@@ -14,6 +14,7 @@
 
 #include "corvane/corvane.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "sockets.h"
 
 namespace {
@@ -133,10 +134,6 @@ private:
     Relay & m_relay;
 };
 
-char patternByte(size_t offset) {
-    return static_cast<char>(offset % 251);
-}
-
 TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBytes) {
     net::IModule * module = m_getModule();
     Common::SmartPtr<net::IChannelFactory> factory(module->createChannelFactory(net::SocketOptions()));
@@ -168,7 +165,7 @@ TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBy
     while (sent < kLimit && std::chrono::steady_clock::now() < deadline) {
         char chunk[16384];
         for (size_t i = 0; i < sizeof chunk; ++i) {
-            chunk[i] = patternByte(sent + i);
+            chunk[i] = corvane_test::PatternByte(sent + i);
         }
         const ssize_t n = send(client, chunk, sizeof chunk, MSG_NOSIGNAL);
         if (n > 0) {
@@ -189,7 +186,7 @@ TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBy
     const std::string received = corvane_test::RecvExact(sink, sent);
     EXPECT_EQ(received.size(), sent);
     size_t firstWrong = 0;
-    while (firstWrong < received.size() && received[firstWrong] == patternByte(firstWrong)) {
+    while (firstWrong < received.size() && received[firstWrong] == corvane_test::PatternByte(firstWrong)) {
         ++firstWrong;
     }
     EXPECT_EQ(firstWrong, received.size()) << "bytes lost or out of order";

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "logcapture.h"
+#include "pattern.h"
 #include "websocket/logoutputstream.h"
 #include "websocket/messagebuffer.h"
 #include "websocket/ringbuf.h"
@@ -26,14 +27,6 @@ std::string drain(Ring & ring, std::int64_t limit) {
         limit -= piece;
     }
     return out;
-}
-
-std::string pattern(std::size_t length, unsigned seed) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 31 + seed * 7) & 0xff);
-    }
-    return data;
 }
 
 TEST(RingBuffer, FullRingRefusesAndPartialRoomIsFilled) {
@@ -64,7 +57,7 @@ TEST(RingBuffer, WithoutCapacityOrWithNegativeCountNothingIsWritten) {
 // every N: the bytes come out complete and in order, whatever the wrap points (writes that
 // end exactly at the end of the ring among them).
 TEST(RingBuffer, StreamSurvivesEveryWriteAndDrainSize) {
-    const std::string input = pattern(4000, 3);
+    const std::string input = corvane_test::Pattern(4000);
     for (std::int64_t limit = 1; limit <= 17; ++limit) {
         Ring ring(13);
         std::string output;
@@ -129,7 +122,7 @@ private:
 };
 
 TEST(MessageBuffer, DeliverToRunsUntilTheHandlerStopsTaking) {
-    const std::string a = pattern(23, 1), b = pattern(9, 2), c = pattern(31, 5);
+    const std::string a = corvane_test::Pattern(23), b = corvane_test::Pattern(9, 100), c = corvane_test::Pattern(31, 200);
     for (int chunk = 1; chunk <= 40; ++chunk) {
         websocket::MessageBuffer buffer;
         buffer.addMessage(a);

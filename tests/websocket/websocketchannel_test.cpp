@@ -13,6 +13,7 @@
 
 #include "expect.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "recordinghandler.h"
 #include "sockets.h"
 #include "../tls/tlsmaterial.h"
@@ -23,25 +24,13 @@
 
 namespace {
 
+using corvane_test::Pattern;
+using corvane_test::PatternByte;
 using corvane_test::PythonPeer;
 using corvane_test::waitFor;
 using websocket::WebSocketChannel;
 
 const char * const kCategory = "corvane.websocket.WebSocketChannel";
-
-// A byte stream without short periods, so that lost, doubled or reordered pieces show.
-char patternByte(std::uint64_t offset) {
-    std::uint64_t x = offset * 0x9E3779B97F4A7C15ull;
-    return static_cast<char>((x >> 29) ^ (offset >> 16));
-}
-
-std::string pattern(std::size_t length) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = patternByte(i);
-    }
-    return data;
-}
 
 // Message sizes that cycle: single bytes, small frames, 16- and 64-bit length forms.
 const std::size_t kSizes[] = {1, 7, 125, 126, 1000, 4096, 65535, 65536, 200000, 3};
@@ -136,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(, BothSchemes, ::testing::Bool(),
 TEST_P(BothSchemes, EchoesSixteenMiBInMixedMessagesByteForByte) {
     std::unique_ptr<PythonPeer> echo = peer("echo");
     const int descriptors = corvane_test::CountOpenDescriptors();
-    const std::string data = pattern(16u << 20);
+    const std::string data = Pattern(16u << 20);
     Common::SmartPtr<MixedSender> handler(new MixedSender(data));
     Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
     ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= data.size(); }, 60000));
@@ -243,7 +232,7 @@ TEST_F(WebSocketChannelTest, SendKeepsRoomForTheFrameHeader) {
     small.receiveBufferSize = 300;
     Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
     Common::SmartPtr<WebSocketChannel> channel = start(peer, handler.get(), small);
-    const std::string data = pattern(1000);
+    const std::string data = Pattern(1000);
     EXPECT_EQ(channel->getWriteDataStream()->send(1000, data.data()), 300 - 128);
     ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= 172; }));
     EXPECT_EQ(handler->received(), data.substr(0, 172));
@@ -308,7 +297,7 @@ public:
         char buffer[65536];
         int n = stream->recv(sizeof buffer, buffer);
         for (int i = 0; i < n; ++i) {
-            if (buffer[i] != patternByte(m_checked + static_cast<std::uint64_t>(i))) {
+            if (buffer[i] != PatternByte(m_checked + static_cast<std::uint64_t>(i))) {
                 ++mismatches;
             }
         }
@@ -341,7 +330,7 @@ TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
             std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(kSizes[next % std::size(kSizes)], total - offset));
             chunk.resize(want);
             for (std::size_t i = 0; i < want; ++i) {
-                chunk[i] = patternByte(offset + i);
+                chunk[i] = PatternByte(offset + i);
             }
             int n = stream->send(static_cast<int>(want), chunk.data());
             if (n < 0) {

@@ -15,6 +15,7 @@
 #include "childprocess.h"
 #include "expect.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "recordinghandler.h"
 #include "sockets.h"
 #include "testacceptor.h"
@@ -35,14 +36,6 @@ const std::size_t kBytes = 1u << 20;
 corvane_test::Material & material() {
     static corvane_test::Material instance;
     return instance;
-}
-
-std::string pattern(std::size_t length) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 7 + (i >> 9)) & 255);
-    }
-    return data;
 }
 
 // The first line of what the server answers to `request`, read within 5 s.
@@ -91,7 +84,7 @@ protected:
     // Sends the pattern through `channel` from this host thread and waits for all of it to
     // come back.
     static void echoThrough(net::IChannel * channel, corvane_test::RecordingHandler * handler) {
-        const std::string data = pattern(kBytes);
+        const std::string data = corvane_test::Pattern(kBytes);
         std::size_t sent = 0;
         EXPECT_TRUE(waitFor(
             [&] {
