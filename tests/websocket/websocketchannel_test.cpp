@@ -173,41 +173,33 @@ TEST_P(BothSchemes, ServerPingIsAnsweredAndTextOrFragmentsArriveAsBinaryOnly) {
     two->close();
 }
 
-TEST_P(BothSchemes, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
-    corvane_test::LogCapture log("INFO");
-    std::unique_ptr<PythonPeer> closing = peer("close");
-    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-    handler->queue("hello");
-    Common::SmartPtr<WebSocketChannel> channel = start(*closing, handler.get());
-    ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
-    EXPECT_EQ(handler->received(), "hello");
-    EXPECT_EQ(handler->closes.load(), 1);
-    EXPECT_EQ(handler->errors.load(), 0);
-    ASSERT_TRUE(waitFor([&] { return !subscribed(channel.get()); }));
-    // After the end a send reports the failed connection and touches nothing.
-    EXPECT_EQ(channel->getWriteDataStream()->send(5, "later"), -1);
-    channel->close();
-    EXPECT_EQ(log.countContaining(GetParam() ? "corvane.websocket.WebSocketSSLChannel" : kCategory,
-                                  "]: got websocket error: "),
-              1u);
-    EXPECT_EQ(handler->closes.load(), 1);
-}
-
-// Without close_notify the end of a TLS stream is a failure; a plain stream just ends.
-TEST_P(BothSchemes, PeerThatDropsTheConnectionEndsTheChannel) {
-    std::unique_ptr<PythonPeer> dropping = peer("drop");
-    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-    handler->queue("bye");
-    Common::SmartPtr<WebSocketChannel> channel = start(*dropping, handler.get());
-    ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
-    EXPECT_EQ(handler->received(), "bye");
-    EXPECT_EQ(handler->closes + handler->errors, 1);
-    if (GetParam()) {
-        EXPECT_EQ(handler->errors.load(), 1);
+// The peer's close handshake ends the channel with onClose. A dropped connection ends it once
+// as well: without close_notify the end of a TLS stream is a failure, a plain stream just
+// ends. After the end a send reports the failed connection and touches nothing.
+TEST_P(BothSchemes, PeerThatClosesOrDropsEndsTheChannelOnce) {
+    for (const std::string mode : {"close", "drop"}) {
+        SCOPED_TRACE(mode);
+        corvane_test::LogCapture log("INFO");
+        std::unique_ptr<PythonPeer> ending = peer(mode);
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        handler->queue("hello");
+        Common::SmartPtr<WebSocketChannel> channel = start(*ending, handler.get());
+        ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); }));
+        EXPECT_EQ(handler->received(), "hello");
+        if (mode == "close" || GetParam()) {
+            EXPECT_EQ(mode == "close" ? handler->closes.load() : handler->errors.load(), 1);
+        }
+        EXPECT_EQ(channel->getWriteDataStream()->send(5, "later"), -1);
+        channel->close();
+        if (mode == "close") {
+            EXPECT_EQ(log.countContaining(GetParam() ? "corvane.websocket.WebSocketSSLChannel" : kCategory,
+                                          "]: got websocket error: "),
+                      1u);
+        }
+        channel->close();
+        EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
+        EXPECT_EQ(handler->closes + handler->errors, 1);
     }
-    channel->close();
-    channel->close();
-    EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
 }
 
 TEST_F(WebSocketChannelTest, FailedHandshakesThrowWithTheEnginesWordsAndTheReason) {
