@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 #include "corvane/exception.h"
@@ -12,7 +11,6 @@
 namespace {
 
 using corvane_test::thrownText;
-using corvane_test::waitFor;
 
 // A protocol that records what the factory forwards to it.
 class RecordingProtocol : public net::ITransportProtocol {
@@ -46,25 +44,42 @@ private:
     int * m_destroyed;
 };
 
-TEST(ChannelFactory, LookupIsExactAndUnknownSchemesAreNull) {
+TEST(ChannelFactory, LookupIsExactAndUnknownOrUnregisteredSchemesAreNotRecognized) {
+    corvane_test::LogCapture log;
     Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
     for (const char * scheme : {"tcp", "http", "https", "ssl", "ws", "wss"}) {
         ASSERT_NE(factory->getTransportProtocol(scheme), nullptr) << scheme;
         EXPECT_STREQ(factory->getTransportProtocol(scheme)->getName(), scheme);
     }
     EXPECT_EQ(factory->getTransportProtocol("TCP"), nullptr);
-    EXPECT_EQ(factory->getTransportProtocol("ftp"), nullptr);
+    factory->unregisterTransportProtocol("tcp");
+    EXPECT_EQ(factory->getTransportProtocol("tcp"), nullptr);
+    EXPECT_EQ(thrownText([&] { factory->openChannel(nullptr, "tcp://127.0.0.1:1", nullptr, nullptr); }),
+              "transport protocol 'tcp' not recognized");
+    EXPECT_EQ(thrownText([&] { factory->startChannelServer(nullptr, "gopher://h", nullptr, nullptr); }),
+              "transport protocol 'gopher' not recognized");
+    EXPECT_THROW(factory->openChannel(nullptr, "not a uri", nullptr, nullptr), net::URIException);
+
+    log.clear();
+    factory->unregisterTransportProtocol("nope");
+    EXPECT_EQ(log.count("corvane.net.ChannelFactory", "DEBUG", "unregisterTransportProtocol: 'nope' not found, ignoring it"), 1u);
+    EXPECT_EQ(log.count("", "WARN", ""), 0u);
 }
 
+// A refused protocol is released at once, the registered ones with the factory.
 TEST(ChannelFactory, DuplicateRegistrationThrowsAndKeepsTheFirst) {
     corvane_test::LogCapture log;
-    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    Common::SmartPtr<net::ITransportProtocol> first(factory->getTransportProtocol("tcp"));
     int destroyed = 0;
-    EXPECT_EQ(thrownText([&] { factory->registerTransportProtocol(new RecordingProtocol("tcp", &destroyed)); }),
-              "transport protocol 'tcp' already registered");
-    EXPECT_EQ(destroyed, 1) << "the refused protocol must not leak";
-    EXPECT_EQ(factory->getTransportProtocol("tcp"), first.get());
+    {
+        Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
+        Common::SmartPtr<net::ITransportProtocol> first(factory->getTransportProtocol("tcp"));
+        factory->registerTransportProtocol(new RecordingProtocol("a", &destroyed));
+        EXPECT_EQ(thrownText([&] { factory->registerTransportProtocol(new RecordingProtocol("tcp", &destroyed)); }),
+                  "transport protocol 'tcp' already registered");
+        EXPECT_EQ(destroyed, 1) << "the refused protocol must not leak";
+        EXPECT_EQ(factory->getTransportProtocol("tcp"), first.get());
+    }
+    EXPECT_EQ(destroyed, 2);
     EXPECT_EQ(log.count("corvane.net.InternalException", "WARN", "transport protocol 'tcp' already registered"), 1u);
     EXPECT_EQ(log.count("corvane.net.ChannelFactory", "TRACE", "registerTransportProtocol('tcp')"), 2u)
         << "the factory's own registration and the refused one";
@@ -83,33 +98,6 @@ TEST(ChannelFactory, ForwardsArgumentsUnchangedToTheSchemesProtocol) {
     EXPECT_EQ(ws->lastOptions, "a=b");
     factory->startChannelServer(reactor, "ws://:9", nullptr, nullptr);
     EXPECT_EQ(ws->lastUri, "server:ws://:9");
-}
-
-TEST(ChannelFactory, UnknownOrUnregisteredSchemeIsNotRecognized) {
-    corvane_test::LogCapture log;
-    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    factory->unregisterTransportProtocol("tcp");
-    EXPECT_EQ(factory->getTransportProtocol("tcp"), nullptr);
-    EXPECT_EQ(thrownText([&] { factory->openChannel(nullptr, "tcp://127.0.0.1:1", nullptr, nullptr); }),
-              "transport protocol 'tcp' not recognized");
-    EXPECT_EQ(thrownText([&] { factory->startChannelServer(nullptr, "gopher://h", nullptr, nullptr); }),
-              "transport protocol 'gopher' not recognized");
-    EXPECT_THROW(factory->openChannel(nullptr, "not a uri", nullptr, nullptr), net::URIException);
-
-    log.clear();
-    factory->unregisterTransportProtocol("nope");
-    EXPECT_EQ(log.count("corvane.net.ChannelFactory", "DEBUG", "unregisterTransportProtocol: 'nope' not found, ignoring it"), 1u);
-    EXPECT_EQ(log.count("", "WARN", ""), 0u);
-}
-
-TEST(ChannelFactory, DestructionReleasesProtocols) {
-    int destroyed = 0;
-    {
-        Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-        factory->registerTransportProtocol(new RecordingProtocol("a", &destroyed));
-        factory->registerTransportProtocol(new RecordingProtocol("b", &destroyed));
-    }
-    EXPECT_EQ(destroyed, 2);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include "corvane/corvane.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "sockets.h"
 
 namespace {
@@ -133,10 +134,6 @@ private:
     Relay & m_relay;
 };
 
-char patternByte(size_t offset) {
-    return static_cast<char>(offset % 251);
-}
-
 TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBytes) {
     net::IModule * module = m_getModule();
     Common::SmartPtr<net::IChannelFactory> factory(module->createChannelFactory(net::SocketOptions()));
@@ -168,7 +165,7 @@ TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBy
     while (sent < kLimit && std::chrono::steady_clock::now() < deadline) {
         char chunk[16384];
         for (size_t i = 0; i < sizeof chunk; ++i) {
-            chunk[i] = patternByte(sent + i);
+            chunk[i] = corvane_test::PatternByte(sent + i);
         }
         const ssize_t n = send(client, chunk, sizeof chunk, MSG_NOSIGNAL);
         if (n > 0) {
@@ -186,21 +183,13 @@ TEST_F(LoadedModule, RelayWhoseOutputIsFullStopsReadingAndResumesWithoutLosingBy
 
     // Once the output drains, reading resumes and every byte arrives in order.
     corvane_test::BoundBlockingCalls(sink);
-    size_t received = 0;
-    bool inOrder = true;
-    while (received < sent) {
-        char buffer[65536];
-        const ssize_t n = recv(sink, buffer, sizeof buffer, 0);
-        if (n <= 0) {
-            break;
-        }
-        for (ssize_t i = 0; i < n; ++i) {
-            inOrder = inOrder && buffer[i] == patternByte(received + static_cast<size_t>(i));
-        }
-        received += static_cast<size_t>(n);
+    const std::string received = corvane_test::RecvExact(sink, sent);
+    EXPECT_EQ(received.size(), sent);
+    size_t firstWrong = 0;
+    while (firstWrong < received.size() && received[firstWrong] == corvane_test::PatternByte(firstWrong)) {
+        ++firstWrong;
     }
-    EXPECT_EQ(received, sent);
-    EXPECT_TRUE(inOrder);
+    EXPECT_EQ(firstWrong, received.size()) << "bytes lost or out of order";
     EXPECT_EQ(relay.readsWhileFull.load(), 0);
 
     close(client);

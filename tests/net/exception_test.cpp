@@ -30,19 +30,14 @@ TEST(InternalException, SocketioLogsOnlyWhenAsked) {
     EXPECT_STREQ(copy.what(), "too many open sockets");
 }
 
-TEST(Exception, WideTextMatchesUtf8Text) {
+TEST(Exception, TextsInUtf8AndWideWithTheSystemErrorOnRequest) {
     net::RuntimeException e("caf\xc3\xa9 \xe2\x82\xac \xff!", false);
     EXPECT_EQ(std::wstring(e.whatW()), L"caf\u00e9 \u20ac \ufffd!");
     net::Exception & root = e;
     EXPECT_STREQ(root.what(), "caf\xc3\xa9 \xe2\x82\xac \xff!");
-}
-
-TEST(Exception, SystemErrorIsAppendedOnRequest) {
     errno = ENOENT;
-    net::RuntimeException e("open", true);
-    EXPECT_STREQ(e.what(), "open: No such file or directory");
-    net::RuntimeException nullText(nullptr, false);
-    EXPECT_STREQ(nullText.what(), "");
+    EXPECT_STREQ(net::RuntimeException("open", true).what(), "open: No such file or directory");
+    EXPECT_STREQ(net::RuntimeException(nullptr, false).what(), "");
 }
 
 }  // namespace

@@ -44,20 +44,11 @@ std::string plainRequest(unsigned short port) {
 // Reads what is there within 5 s, up to `size` bytes.
 std::string receiveSome(unsigned int socket, size_t size) {
     corvane_test::BoundBlockingCalls(static_cast<int>(socket));
-    std::string data;
-    char buffer[4096];
-    while (data.size() < size) {
-        ssize_t n = recv(static_cast<int>(socket), buffer, sizeof buffer, 0);
-        if (n <= 0) {
-            break;
-        }
-        data.append(buffer, static_cast<size_t>(n));
-    }
-    return data;
+    return corvane_test::RecvExact(static_cast<int>(socket), size);
 }
 
 std::string echoThrough(unsigned int socket, const std::string & text) {
-    send(static_cast<int>(socket), text.data(), text.size(), MSG_NOSIGNAL);
+    corvane_test::SendAll(static_cast<int>(socket), text);
     return receiveSome(socket, text.size());
 }
 

@@ -4,7 +4,6 @@
 // its PID with SIGKILL: a graceful stop takes squid two seconds and is not what is tested.
 #pragma once
 
-#include <arpa/inet.h>
 #include <grp.h>
 #include <pwd.h>
 
@@ -30,7 +29,7 @@ public:
                                          "pinger_enable off\nshutdown_lifetime 0 seconds\n" + authLines +
                                          "acl auth proxy_auth REQUIRED\nhttp_access allow auth\nhttp_access deny all\n");
         m_pid = Spawn({"squid", "-N", "-f", s + "/squid.conf"}, s + "/squid.out");
-        if (!waitUntilListening()) {
+        if (!WaitAccepting(m_port)) {
             Kill(m_pid);
             throw std::runtime_error("squid did not start: " + ReadFile(s + "/squid.out") + ReadFile(s + "/cache.log"));
         }
@@ -44,31 +43,8 @@ public:
     bool accessLogShows(const std::string & text) const {
         return WaitForText(m_dir.path() + "/access.log", text, std::chrono::seconds(5));
     }
-    std::string cacheLog() const { return ReadFile(m_dir.path() + "/cache.log"); }
 
 private:
-    bool waitUntilListening() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            address.sin_port = htons(m_port);
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            const bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-            close(fd);
-            if (connected) {
-                return true;
-            }
-            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-                m_pid = -1;
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
-
     TempDir m_dir;
     unsigned short m_port;
     pid_t m_pid = -1;

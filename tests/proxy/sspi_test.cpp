@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 
 #include "childprocess.h"
 #include "kerberosrealm.h"
@@ -39,40 +38,24 @@ std::string decode(const std::string & text) {
     return std::string(data.begin(), data.end());
 }
 
-TEST(Base64, EncodesTheRfcVectors) {
-    EXPECT_EQ(encode(""), "");
-    EXPECT_EQ(encode("f"), "Zg==");
-    EXPECT_EQ(encode("fo"), "Zm8=");
-    EXPECT_EQ(encode("foo"), "Zm9v");
-    EXPECT_EQ(encode("foob"), "Zm9vYg==");
-    EXPECT_EQ(encode("fooba"), "Zm9vYmE=");
-    EXPECT_EQ(encode("foobar"), "Zm9vYmFy");
-    EXPECT_EQ(encode(std::string("\xfb\xff\xbf", 3)), "+/+/");
-}
-
-TEST(Base64, PaddingIsOptionalAndTheFirstStrayCharacterEndsTheToken) {
-    EXPECT_EQ(decode("Zm9vYg=="), "foob");
-    EXPECT_EQ(decode("Zm9vYg"), "foob");
-    EXPECT_EQ(decode("Zm9vYmE="), "fooba");
-    EXPECT_EQ(decode("Zm9vYmE"), "fooba");
-    EXPECT_EQ(decode("Zm9v YmFy"), "foo");
-    EXPECT_EQ(decode("Zm9vYmFy\r\n"), "foobar");
-    EXPECT_EQ(decode("Zm8=Zm9v"), "fo");
-    EXPECT_EQ(decode("Zm9vY"), "foo");
-    EXPECT_EQ(decode(""), "");
-    EXPECT_EQ(decode(" Zm9v"), "");
-}
-
-TEST(Base64, EveryByteValueRoundTrips) {
-    std::mt19937 random(10);
-    for (int round = 0; round < 500; ++round) {
-        std::string bytes(random() % 40, '\0');
-        for (char & c : bytes) {
-            c = static_cast<char>(random());
-        }
-        const std::string text = encode(bytes);
-        ASSERT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
-        ASSERT_EQ(decode(text), bytes);
+// Round trips of any bytes are the fuzz target's; here the alphabet, the padding, and where a
+// proxy's token ends.
+TEST(Base64, RfcVectorsAndTheEndOfAToken) {
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
+        {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {std::string("\xfb\xff\xbf", 3), "+/+/"},
+    };
+    for (const auto & v : vectors) {
+        EXPECT_EQ(encode(v.first), v.second);
+        EXPECT_EQ(decode(v.second), v.first);
+    }
+    // Padding is optional and the first stray character ends the token.
+    const std::pair<const char *, const char *> tokens[] = {
+        {"Zm9vYg", "foob"}, {"Zm9vYmE", "fooba"}, {"Zm9v YmFy", "foo"}, {"Zm9vYmFy\r\n", "foobar"},
+        {"Zm8=Zm9v", "fo"}, {"Zm9vY", "foo"},      {" Zm9v", ""},
+    };
+    for (const auto & t : tokens) {
+        EXPECT_EQ(decode(t.first), t.second) << t.first;
     }
 }
 

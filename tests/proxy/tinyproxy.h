@@ -4,7 +4,6 @@
 #pragma once
 
 #include <string>
-#include <thread>
 
 #include "childprocess.h"
 #include "sockets.h"
@@ -19,15 +18,7 @@ public:
                                               "PidFile \"" + path("tinyproxy.pid") + "\"\nLogFile \"" +
                                               path("tinyproxy.log") + "\"\nLogLevel Info\nDisableViaHeader Yes\n");
         m_pid = Spawn({"tinyproxy", "-d", "-c", path("tinyproxy.conf")}, path("tinyproxy.out"));
-        for (int i = 0; i < 250 && !m_ready; ++i) {
-            int fd = LoopbackConnect(m_port);
-            if (fd >= 0) {
-                close(fd);
-                m_ready = true;
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            }
-        }
+        m_ready = WaitAccepting(m_port, 5000);
     }
     ~Tinyproxy() { Kill(m_pid); }
     Tinyproxy(const Tinyproxy &) = delete;

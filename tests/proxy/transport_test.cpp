@@ -54,38 +54,33 @@ protected:
     Common::SmartPtr<socketio::SelectReactor> reactor;
 };
 
+// "http" goes through the proxy by default, "tcp" only with EnableProxy exactly "true"; the
+// resolver is asked for those two alone.
 TEST_F(ProxyTransport, TcpWithEnableProxyAndHttpByDefaultTunnelThroughTinyproxy) {
     corvane_test::Tinyproxy proxy;
     ASSERT_TRUE(proxy.ready());
     environment.set("http_proxy", "http://" + proxy.address());
     environment.set("all_proxy", proxy.address());
     corvane_test::EchoServer target;
-    std::string authority = "127.0.0.1:" + std::to_string(target.port());
-
-    EXPECT_EQ(echoOver("tcp://" + authority, "EnableProxy=true"), "tcp://" + proxy.address());
-    EXPECT_TRUE(waitFor([&] { return proxy.logged("): CONNECT " + authority) == 1; }));
-    EXPECT_EQ(echoOver("http://" + authority, nullptr), "tcp://" + proxy.address());
+    const std::string authority = "127.0.0.1:" + std::to_string(target.port());
+    const struct {
+        const char * scheme;
+        const char * options;
+        bool proxied;
+    } cases[] = {
+        {"tcp://", "EnableProxy=true", true},  {"http://", nullptr, true},
+        {"tcp://", nullptr, false},            {"tcp://", "EnableProxy=TRUE", false},
+        {"http://", "EnableProxy=false", false}, {"http://", "EnableProxy=TRUE", false},
+    };
+    for (const auto & c : cases) {
+        EXPECT_EQ(echoOver(c.scheme + authority, c.options), "tcp://" + (c.proxied ? proxy.address() : authority))
+            << c.scheme << " " << (c.options != nullptr ? c.options : "(none)");
+    }
     EXPECT_TRUE(waitFor([&] { return proxy.logged("): CONNECT " + authority) == 2; }));
+    EXPECT_EQ(log.countContaining(kConnectLog, "Resolving proxy information for "), 2u);
     EXPECT_EQ(log.count(kConnectLog, "INFO", "initiating connection with proxy '" + proxy.address() + "'"), 2u);
     EXPECT_EQ(log.count(kConnectLog, "INFO", "Connecting directly"), 0u);
-    EXPECT_EQ(target.accepted(), 2);
-}
-
-TEST_F(ProxyTransport, ProxyStaysOutUnlessEnableProxyIsExactlyTrue) {
-    corvane_test::Tinyproxy proxy;
-    ASSERT_TRUE(proxy.ready());
-    environment.set("http_proxy", proxy.address());
-    environment.set("all_proxy", proxy.address());
-    corvane_test::EchoServer target;
-    std::string authority = "127.0.0.1:" + std::to_string(target.port());
-
-    EXPECT_EQ(echoOver("tcp://" + authority, nullptr), "tcp://" + authority);
-    EXPECT_EQ(echoOver("tcp://" + authority, "EnableProxy=TRUE"), "tcp://" + authority);
-    EXPECT_EQ(echoOver("http://" + authority, "EnableProxy=false"), "tcp://" + authority);
-    EXPECT_EQ(echoOver("http://" + authority, "EnableProxy=TRUE"), "tcp://" + authority);
-    EXPECT_EQ(log.countContaining(kConnectLog, ""), 0u) << "the resolver is never asked";
-    EXPECT_EQ(proxy.logged("): CONNECT "), 0);
-    EXPECT_EQ(target.accepted(), 4);
+    EXPECT_EQ(target.accepted(), 6);
 }
 
 TEST_F(ProxyTransport, HttpWithoutAPortAsksForPort80) {

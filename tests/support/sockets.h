@@ -70,6 +70,13 @@ inline void BoundBlockingCalls(int fd) {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
+// A loopback port that was free a moment ago, for servers that cannot be given port 0.
+inline unsigned short FreeLoopbackPort() {
+    unsigned short port = 0;
+    close(LoopbackListen(port));
+    return port;
+}
+
 // A blocking client connected to 127.0.0.1:port with bounded calls; -1 when refused.
 inline int LoopbackConnect(unsigned short port) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -83,6 +90,19 @@ inline int LoopbackConnect(unsigned short port) {
     }
     BoundBlockingCalls(fd);
     return fd;
+}
+
+// Waits up to `milliseconds` for a program started by the test to accept on 127.0.0.1:port.
+inline bool WaitAccepting(unsigned short port, int milliseconds = 10000) {
+    for (int waited = 0; waited < milliseconds; waited += 10) {
+        const int fd = LoopbackConnect(port);
+        if (fd >= 0) {
+            close(fd);
+            return true;
+        }
+        usleep(10000);
+    }
+    return false;
 }
 
 inline int CountOpenDescriptors() {

@@ -21,6 +21,7 @@
 #include "framework/channelfactory.h"
 #include "expect.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "recordinghandler.h"
 #include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
@@ -29,20 +30,13 @@
 
 namespace {
 
+using corvane_test::Pattern;
 using corvane_test::thrownText;
 using corvane_test::waitFor;
 
 using corvane_test::EchoHandler;
 using corvane_test::RecordingHandler;
 using corvane_test::TestAcceptor;
-
-std::string pattern(size_t size) {
-    std::string data(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        data[i] = static_cast<char>((i * 131 + i / 251) & 0xff);
-    }
-    return data;
-}
 
 class TcpTransport : public ::testing::Test {
 protected:
@@ -71,17 +65,7 @@ protected:
         return net::URI::FromString(server->getLocalURI()).getPort();
     }
     static std::string rawExchange(int fd, const std::string & message) {
-        send(fd, message.data(), message.size(), MSG_NOSIGNAL);
-        std::string answer;
-        char buffer[4096];
-        while (answer.size() < message.size()) {
-            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-            if (n <= 0) {
-                break;
-            }
-            answer.append(buffer, static_cast<size_t>(n));
-        }
-        return answer;
+        return corvane_test::SendAll(fd, message) ? corvane_test::RecvExact(fd, message.size()) : "";
     }
 
     Common::SmartPtr<net::IChannelFactory> factory;
@@ -101,7 +85,7 @@ TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {
     EXPECT_EQ(std::string(channel->getDescription()),
               std::string(channel->getLocalURI()) + " <-> " + channel->getPeerURI());
 
-    const std::string data = pattern(1 << 20);
+    const std::string data = Pattern(1 << 20);
     client->queue(data);
     ASSERT_TRUE(waitFor([&] { return client->receivedSize() >= data.size(); }));
     EXPECT_TRUE(client->received() == data);
@@ -127,7 +111,7 @@ TEST_F(TcpTransport, HandlerWithoutRoomIsNotWokenForReadsUntilItHasRoom) {
     Common::SmartPtr<StallingHandler> client(new StallingHandler);
     std::string uri = "tcp://127.0.0.1:" + std::to_string(portOf(server.get()));
     Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-    const std::string data = pattern(100000);
+    const std::string data = Pattern(100000);
     client->queue(data);  // echoed back while the client reads nothing
     ASSERT_TRUE(waitFor([&] { return client->writes.load() > 0 && !client->hasPendingWrite(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -144,7 +128,7 @@ TEST_F(TcpTransport, HandlerWithoutRoomIsNotWokenForReadsUntilItHasRoom) {
 TEST_F(TcpTransport, PeerClosingWithUnreadDataIsReadToTheEndBeforeOnClose) {
     Common::SmartPtr<net::IChannelServer> server = startServer();
     acceptor->makeHandler = [] { return new RecordingHandler; };
-    const std::string data = pattern(300000);
+    const std::string data = Pattern(300000);
     int fd = corvane_test::LoopbackConnect(portOf(server.get()));
     ASSERT_EQ(send(fd, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
     close(fd);

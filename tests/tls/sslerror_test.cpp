@@ -58,37 +58,41 @@ TEST_F(SSLErrorTextTest, SSLExceptionCarriesAndLogsTheQueue) {
     EXPECT_EQ(log.events().size(), 2u);
 }
 
-TEST_F(SSLErrorTextTest, ResultsWithoutDetailAreNamedAndUnknownOnesShowTheirNumber) {
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_WANT_READ, "SSL_read", nullptr), "SSL_read:SSL_ERROR_WANT_READ");
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_ZERO_RETURN, "SSL_peek", nullptr), "SSL_peek:SSL_ERROR_ZERO_RETURN");
-    EXPECT_EQ(tools::sslErrorText(9, "x", nullptr), "x:<unknown:ret=9>");
+// The queue, when there is one, wins over errno; a would-block errno is told by its code.
+TEST_F(SSLErrorTextTest, TextOfEachResult) {
+    const std::string wouldBlock = "SSL_read:SSL_ERROR_SYSCALL failed with error code '" + std::to_string(EWOULDBLOCK) +
+                                   "' : Resource temporarily unavailable";
+    const struct {
+        int error;
+        const char * call;
+        bool queued;
+        std::string expected;
+        int code;
+    } cases[] = {
+        {SSL_ERROR_WANT_READ, "SSL_read", false, "SSL_read:SSL_ERROR_WANT_READ", -7},
+        {SSL_ERROR_ZERO_RETURN, "SSL_peek", false, "SSL_peek:SSL_ERROR_ZERO_RETURN", -7},
+        {9, "x", false, "x:<unknown:ret=9>", -7},
+        {SSL_ERROR_SSL, "SSL_connect", false, "SSL_connect:", -7},
+        {SSL_ERROR_SSL, "SSL_connect", true, "SSL_connect:" + noCipherMatchLine("SSL_ERROR_SSL"), -7},
+        {SSL_ERROR_SYSCALL, "SSL_write", true, "SSL_write:" + noCipherMatchLine("SSL_ERROR_SYSCALL"), -7},
+        {SSL_ERROR_SYSCALL, "SSL_read", false, wouldBlock, tools::kWouldBlock},
+    };
+    for (const auto & c : cases) {
+        if (c.queued) {
+            failCipherList();
+        }
+        errno = EWOULDBLOCK;
+        int code = -7;
+        EXPECT_EQ(tools::sslErrorText(c.error, c.call, &code), c.expected);
+        EXPECT_EQ(code, c.code) << c.expected;
+        EXPECT_EQ(ERR_peek_error(), 0u);
+        if (!c.queued) {  // without a place for the code
+            errno = EWOULDBLOCK;
+            EXPECT_EQ(tools::sslErrorText(c.error, c.call, nullptr), c.expected);
+        }
+    }
     EXPECT_STREQ(tools::sslErrorName(SSL_ERROR_WANT_ACCEPT), "SSL_ERROR_WANT_ACCEPT");
     EXPECT_STREQ(tools::sslErrorName(9), "<unknown>");
-}
-
-TEST_F(SSLErrorTextTest, ProtocolErrorPrintsTheQueueOrNothing) {
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_SSL, "SSL_connect", nullptr), "SSL_connect:");
-    failCipherList();
-    int code = -7;
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_SSL, "SSL_connect", &code), "SSL_connect:" + noCipherMatchLine("SSL_ERROR_SSL"));
-    EXPECT_EQ(code, -7);
-    EXPECT_EQ(ERR_peek_error(), 0u);
-}
-
-TEST_F(SSLErrorTextTest, SystemErrorPrefersTheQueueThenErrno) {
-    failCipherList();
-    int code = -7;
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_SYSCALL, "SSL_write", &code),
-              "SSL_write:" + noCipherMatchLine("SSL_ERROR_SYSCALL"));
-    EXPECT_EQ(code, -7);
-
-    errno = EWOULDBLOCK;
-    EXPECT_EQ(tools::sslErrorText(SSL_ERROR_SYSCALL, "SSL_read", &code),
-              "SSL_read:SSL_ERROR_SYSCALL failed with error code '" + std::to_string(EWOULDBLOCK) +
-                  "' : Resource temporarily unavailable");
-    EXPECT_EQ(code, tools::kWouldBlock);
-    errno = EWOULDBLOCK;
-    EXPECT_NO_THROW(tools::sslErrorText(SSL_ERROR_SYSCALL, "SSL_read", nullptr));
 }
 
 TEST_F(SSLErrorTextTest, PeerThatVanishedIsASystemErrorWithItsErrno) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "logcapture.h"
+#include "pattern.h"
 #include "websocket/logoutputstream.h"
 #include "websocket/messagebuffer.h"
 #include "websocket/ringbuf.h"
@@ -28,22 +29,12 @@ std::string drain(Ring & ring, std::int64_t limit) {
     return out;
 }
 
-std::string pattern(std::size_t length, unsigned seed) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 31 + seed * 7) & 0xff);
-    }
-    return data;
-}
-
 TEST(RingBuffer, FullRingRefusesAndPartialRoomIsFilled) {
     Ring ring(8);
     EXPECT_EQ(ring.write("abcdefgh", 8), 8);
     EXPECT_EQ(ring.writeAvailable(), 0);
     EXPECT_EQ(ring.readAvailable(), 8);
-    EXPECT_EQ(ring.readPointer(), ring.readPointer());
     EXPECT_EQ(ring.write("x", 1), 0);
-    EXPECT_EQ(ring.toString(), "{ readAvailable=8, writeAvailable=0, size=8 }");
     EXPECT_EQ(drain(ring, 3), "abc");
     EXPECT_EQ(ring.write("12345", 5), 3);
     EXPECT_EQ(drain(ring, 100), "defgh123");
@@ -62,21 +53,11 @@ TEST(RingBuffer, WithoutCapacityOrWithNegativeCountNothingIsWritten) {
     EXPECT_EQ(ring.writeAvailable(), 4);
 }
 
-TEST(RingBuffer, WriteThatEndsAtTheEndWrapsTheWriteSide) {
-    Ring ring(6);
-    ring.write("abcd", 4);
-    drain(ring, 4);
-    // Two bytes up to the end: the write side wraps, the next write starts at the front.
-    EXPECT_EQ(ring.write("ef", 2), 2);
-    EXPECT_EQ(ring.write("ghij", 4), 4);
-    EXPECT_EQ(ring.readPieceLength(), 2);
-    EXPECT_EQ(drain(ring, 100), "efghij");
-}
-
 // Writes of every size from 1 to 2*capacity against drains that take at most N bytes, for
-// every N: the bytes come out complete and in order, whatever the wrap points.
+// every N: the bytes come out complete and in order, whatever the wrap points (writes that
+// end exactly at the end of the ring among them).
 TEST(RingBuffer, StreamSurvivesEveryWriteAndDrainSize) {
-    const std::string input = pattern(4000, 3);
+    const std::string input = corvane_test::Pattern(4000);
     for (std::int64_t limit = 1; limit <= 17; ++limit) {
         Ring ring(13);
         std::string output;
@@ -144,7 +125,7 @@ private:
 };
 
 TEST(MessageBuffer, DeliverToRunsUntilTheHandlerStopsTaking) {
-    const std::string a = pattern(23, 1), b = pattern(9, 2), c = pattern(31, 5);
+    const std::string a = corvane_test::Pattern(23), b = corvane_test::Pattern(9, 100), c = corvane_test::Pattern(31, 200);
     for (int chunk = 1; chunk <= 40; ++chunk) {
         websocket::MessageBuffer buffer;
         buffer.addMessage(a);

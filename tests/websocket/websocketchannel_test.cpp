@@ -13,6 +13,7 @@
 
 #include "expect.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "recordinghandler.h"
 #include "sockets.h"
 #include "../tls/tlsmaterial.h"
@@ -23,25 +24,13 @@
 
 namespace {
 
+using corvane_test::Pattern;
+using corvane_test::PatternByte;
 using corvane_test::PythonPeer;
 using corvane_test::waitFor;
 using websocket::WebSocketChannel;
 
 const char * const kCategory = "corvane.websocket.WebSocketChannel";
-
-// A byte stream without short periods, so that lost, doubled or reordered pieces show.
-char patternByte(std::uint64_t offset) {
-    std::uint64_t x = offset * 0x9E3779B97F4A7C15ull;
-    return static_cast<char>((x >> 29) ^ (offset >> 16));
-}
-
-std::string pattern(std::size_t length) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = patternByte(i);
-    }
-    return data;
-}
 
 // Message sizes that cycle: single bytes, small frames, 16- and 64-bit length forms.
 const std::size_t kSizes[] = {1, 7, 125, 126, 1000, 4096, 65535, 65536, 200000, 3};
@@ -136,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(, BothSchemes, ::testing::Bool(),
 TEST_P(BothSchemes, EchoesSixteenMiBInMixedMessagesByteForByte) {
     std::unique_ptr<PythonPeer> echo = peer("echo");
     const int descriptors = corvane_test::CountOpenDescriptors();
-    const std::string data = pattern(16u << 20);
+    const std::string data = Pattern(16u << 20);
     Common::SmartPtr<MixedSender> handler(new MixedSender(data));
     Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
     ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= data.size(); }, 60000));
@@ -184,41 +173,33 @@ TEST_P(BothSchemes, ServerPingIsAnsweredAndTextOrFragmentsArriveAsBinaryOnly) {
     two->close();
 }
 
-TEST_P(BothSchemes, ServerCloseHandshakeReachesTheHandlerAsOnClose) {
-    corvane_test::LogCapture log("INFO");
-    std::unique_ptr<PythonPeer> closing = peer("close");
-    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-    handler->queue("hello");
-    Common::SmartPtr<WebSocketChannel> channel = start(*closing, handler.get());
-    ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
-    EXPECT_EQ(handler->received(), "hello");
-    EXPECT_EQ(handler->closes.load(), 1);
-    EXPECT_EQ(handler->errors.load(), 0);
-    ASSERT_TRUE(waitFor([&] { return !subscribed(channel.get()); }));
-    // After the end a send reports the failed connection and touches nothing.
-    EXPECT_EQ(channel->getWriteDataStream()->send(5, "later"), -1);
-    channel->close();
-    EXPECT_EQ(log.countContaining(GetParam() ? "corvane.websocket.WebSocketSSLChannel" : kCategory,
-                                  "]: got websocket error: "),
-              1u);
-    EXPECT_EQ(handler->closes.load(), 1);
-}
-
-// Without close_notify the end of a TLS stream is a failure; a plain stream just ends.
-TEST_P(BothSchemes, PeerThatDropsTheConnectionEndsTheChannel) {
-    std::unique_ptr<PythonPeer> dropping = peer("drop");
-    Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-    handler->queue("bye");
-    Common::SmartPtr<WebSocketChannel> channel = start(*dropping, handler.get());
-    ASSERT_TRUE(waitFor([&] { return handler->ended(); }));
-    EXPECT_EQ(handler->received(), "bye");
-    EXPECT_EQ(handler->closes + handler->errors, 1);
-    if (GetParam()) {
-        EXPECT_EQ(handler->errors.load(), 1);
+// The peer's close handshake ends the channel with onClose. A dropped connection ends it once
+// as well: without close_notify the end of a TLS stream is a failure, a plain stream just
+// ends. After the end a send reports the failed connection and touches nothing.
+TEST_P(BothSchemes, PeerThatClosesOrDropsEndsTheChannelOnce) {
+    for (const std::string mode : {"close", "drop"}) {
+        SCOPED_TRACE(mode);
+        corvane_test::LogCapture log("INFO");
+        std::unique_ptr<PythonPeer> ending = peer(mode);
+        Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+        handler->queue("hello");
+        Common::SmartPtr<WebSocketChannel> channel = start(*ending, handler.get());
+        ASSERT_TRUE(waitFor([&] { return handler->ended() && !subscribed(channel.get()); }));
+        EXPECT_EQ(handler->received(), "hello");
+        if (mode == "close" || GetParam()) {
+            EXPECT_EQ(mode == "close" ? handler->closes.load() : handler->errors.load(), 1);
+        }
+        EXPECT_EQ(channel->getWriteDataStream()->send(5, "later"), -1);
+        channel->close();
+        if (mode == "close") {
+            EXPECT_EQ(log.countContaining(GetParam() ? "corvane.websocket.WebSocketSSLChannel" : kCategory,
+                                          "]: got websocket error: "),
+                      1u);
+        }
+        channel->close();
+        EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
+        EXPECT_EQ(handler->closes + handler->errors, 1);
     }
-    channel->close();
-    channel->close();
-    EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
 }
 
 TEST_F(WebSocketChannelTest, FailedHandshakesThrowWithTheEnginesWordsAndTheReason) {
@@ -243,7 +224,7 @@ TEST_F(WebSocketChannelTest, SendKeepsRoomForTheFrameHeader) {
     small.receiveBufferSize = 300;
     Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
     Common::SmartPtr<WebSocketChannel> channel = start(peer, handler.get(), small);
-    const std::string data = pattern(1000);
+    const std::string data = Pattern(1000);
     EXPECT_EQ(channel->getWriteDataStream()->send(1000, data.data()), 300 - 128);
     ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= 172; }));
     EXPECT_EQ(handler->received(), data.substr(0, 172));
@@ -308,7 +289,7 @@ public:
         char buffer[65536];
         int n = stream->recv(sizeof buffer, buffer);
         for (int i = 0; i < n; ++i) {
-            if (buffer[i] != patternByte(m_checked + static_cast<std::uint64_t>(i))) {
+            if (buffer[i] != PatternByte(m_checked + static_cast<std::uint64_t>(i))) {
                 ++mismatches;
             }
         }
@@ -341,7 +322,7 @@ TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
             std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(kSizes[next % std::size(kSizes)], total - offset));
             chunk.resize(want);
             for (std::size_t i = 0; i < want; ++i) {
-                chunk[i] = patternByte(offset + i);
+                chunk[i] = PatternByte(offset + i);
             }
             int n = stream->send(static_cast<int>(want), chunk.data());
             if (n < 0) {

@@ -15,6 +15,7 @@
 #include "childprocess.h"
 #include "expect.h"
 #include "logcapture.h"
+#include "pattern.h"
 #include "recordinghandler.h"
 #include "sockets.h"
 #include "testacceptor.h"
@@ -37,21 +38,6 @@ corvane_test::Material & material() {
     return instance;
 }
 
-std::string pattern(std::size_t length) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 7 + (i >> 9)) & 255);
-    }
-    return data;
-}
-
-// A port that was free a moment ago: the WebSocket servers turn port 0 into 80 and 443.
-unsigned short freePort() {
-    unsigned short port = 0;
-    close(corvane_test::LoopbackListen(port));
-    return port;
-}
-
 // The first line of what the server answers to `request`, read within 5 s.
 std::string answerTo(unsigned short port, const std::string & request) {
     int fd = corvane_test::LoopbackConnect(port);
@@ -68,6 +54,7 @@ std::string answerTo(unsigned short port, const std::string & request) {
 
 class WebSocketServerTest : public ::testing::TestWithParam<bool> {
 protected:
+    // Fixed ports: the WebSocket servers turn port 0 into 80 and 443.
     void SetUp() override {
         m_reactor = new socketio::SelectReactor(1000, 600000, 50);
         m_reactor->startProcessing();
@@ -97,7 +84,7 @@ protected:
     // Sends the pattern through `channel` from this host thread and waits for all of it to
     // come back.
     static void echoThrough(net::IChannel * channel, corvane_test::RecordingHandler * handler) {
-        const std::string data = pattern(kBytes);
+        const std::string data = corvane_test::Pattern(kBytes);
         std::size_t sent = 0;
         EXPECT_TRUE(waitFor(
             [&] {
@@ -122,7 +109,7 @@ INSTANTIATE_TEST_SUITE_P(, WebSocketServerTest, ::testing::Bool(),
 TEST_P(WebSocketServerTest, PythonClientEchoesOneMiBAndClosesNormally) {
     corvane_test::LogCapture log("INFO");
     Common::SmartPtr<TestAcceptor> acceptor(new TestAcceptor);
-    const unsigned short port = freePort();
+    const unsigned short port = corvane_test::FreeLoopbackPort();
     Common::SmartPtr<net::IChannelServer> server = startServer(acceptor.get(), port);
     const std::string category = secure() ? "corvane.websocket.WebSocketSecureTransportProtocol"
                                           : "corvane.websocket.WebSocketTransportProtocol";
@@ -161,7 +148,7 @@ TEST_P(WebSocketServerTest, ClientsOfBothFormsEchoThroughPythonAndTheServer) {
     }
     if (!secure()) {
         Common::SmartPtr<TestAcceptor> acceptor(new TestAcceptor);
-        const unsigned short port = freePort();
+        const unsigned short port = corvane_test::FreeLoopbackPort();
         Common::SmartPtr<net::IChannelServer> server = startServer(acceptor.get(), port);
         for (const std::string & uri : {echo->uri(), "ws://127.0.0.1:" + std::to_string(port) + "/"}) {
             Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
@@ -196,7 +183,7 @@ TEST_P(WebSocketServerTest, AcceptedHandlerThatThrowsEndsOnlyItsConnection) {
         thrower->onReadHook = [](net::IReadDataStream *) { throw std::runtime_error("handler failed"); };
         return thrower;
     };
-    const unsigned short port = freePort();
+    const unsigned short port = corvane_test::FreeLoopbackPort();
     Common::SmartPtr<net::IChannelServer> server = startServer(acceptor.get(), port);
     const std::string uri = scheme() + "://127.0.0.1:" + std::to_string(port) + "/";
     const std::string options = "EnableProxy=false;ValidateServerName=false;NoCertify=true";
@@ -263,7 +250,7 @@ TEST_P(PlainWebSocketServerTest, LayeredClientTellsItsHandlerOfThePeersClose) {
 TEST_P(PlainWebSocketServerTest, PlainHttpGetsUpgradeRequiredAndASilentClientHarmsNoOne) {
     corvane_test::LogCapture log("INFO");
     Common::SmartPtr<TestAcceptor> acceptor(new TestAcceptor);
-    const unsigned short port = freePort();
+    const unsigned short port = corvane_test::FreeLoopbackPort();
     Common::SmartPtr<net::IChannelServer> server = startServer(acceptor.get(), port);
     const int descriptors = corvane_test::CountOpenDescriptors();
     // A client that connects and never upgrades holds only its own connection.
