@@ -658,6 +658,9 @@ bool WebSocketChannel::shutdownWrite() {
     ::setsockopt(static_cast<int>(m_hSocket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
     // A failure shows at the next event.
     flushWriteToSocket_i();
+    if (m_Reactor) {
+        m_Reactor->interestChanged(this);
+    }
     return true;
 }
 
@@ -678,6 +681,7 @@ bool WebSocketChannel::lingerForOutput() {
     m_ChannelHandler = nullptr;
     m_pReadInterest = nullptr;
     m_bLingering = true;
+    m_Reactor->interestChanged(this);
     return true;
 }
 

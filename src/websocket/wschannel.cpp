@@ -157,18 +157,22 @@ void WSChannel::accept(net::IChannel * underlying) {
 }
 
 bool WSChannel::shutdownWrite() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    if (!m_Connection || !m_bOpen || m_bClosing || !m_UnderlyingChannel ||
-        m_Connection->get_state() != websocketpp::session::state::open) {
-        return false;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (!m_Connection || !m_bOpen || m_bClosing || !m_UnderlyingChannel ||
+            m_Connection->get_state() != websocketpp::session::state::open) {
+            return false;
+        }
+        std::error_code ec;
+        m_Connection->close(websocketpp::close::status::normal, "close", ec);
+        if (ec) {
+            return false;
+        }
+        m_bClosing = true;
+        m_bOrderlyEnd = true;
     }
-    std::error_code ec;
-    m_Connection->close(websocketpp::close::status::normal, "close", ec);
-    if (ec) {
-        return false;
-    }
-    m_bClosing = true;
-    m_bOrderlyEnd = true;
+    // What the channel below is asked for has changed: the close frame may wait for room.
+    wakeReactor();
     return true;
 }
 
