@@ -207,6 +207,9 @@ TEST_F(HandshakeTest, VerifiedPeerIsJudgedByItsName) {
     LogCapture log;
     EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "localhost"));
     EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "LocalHost"));
+    // An address is matched against the certificate's IP entries, not its DNS names.
+    EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, "127.0.0.1"));
+    EXPECT_THROW(tools::SSLContext::validateCertificates(pair.client, "127.0.0.2"), tools::InternalException);
     // X509_check_host reports a null name as malformed (-2), which is not a verdict.
     EXPECT_NO_THROW(tools::SSLContext::validateCertificates(pair.client, nullptr));
     try {
@@ -215,9 +218,9 @@ TEST_F(HandshakeTest, VerifiedPeerIsJudgedByItsName) {
     } catch (const tools::InternalException & e) {
         EXPECT_STREQ(e.what(), "validateCertificates: Common name doesn't match host name");
     }
-    EXPECT_EQ(log.countContaining(contextCategory, "validateCertificates( 0x"), 4u);
+    EXPECT_EQ(log.countContaining(contextCategory, "validateCertificates( 0x"), 6u);
     EXPECT_EQ(log.countContaining(contextCategory, ", 'localhost')"), 1u);
-    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN", "validateCertificates: Common name doesn't match host name"), 1u);
+    EXPECT_EQ(log.count("corvane.tools.InternalException", "WARN", "validateCertificates: Common name doesn't match host name"), 2u);
 }
 
 TEST_F(HandshakeTest, NoCertifyLetsAnUnverifiedChainThroughTheHandshakeButNotTheCheck) {
