@@ -19,6 +19,7 @@
 #include "../tls/tlsmaterial.h"
 #include "socketio/selectreactor.h"
 #include "websocket/websockettransportprotocol.h"
+#include "wsfixture.h"
 #include "wspeer.h"
 
 namespace {
@@ -34,21 +35,9 @@ using corvane_test::material;
 
 enum class Client { Ws, Wss, Layered };
 
-class KeepAliveTest : public ::testing::TestWithParam<Client> {
+class KeepAliveTest : public corvane_test::WebSocketFixture<Client> {
 protected:
-    void SetUp() override {
-        m_reactor = new socketio::SelectReactor(1000, 600000, 50);
-        m_reactor->startProcessing();
-        m_ws = new websocket::WebSocketTransportProtocol(m_options);
-        m_wss = new websocket::WebSocketSecureTransportProtocol(m_options);
-    }
-    void TearDown() override { m_reactor->stopProcessing(); }
     bool secure() const { return GetParam() == Client::Wss; }
-
-    socketio::socket_options m_options;
-    Common::SmartPtr<socketio::SelectReactor> m_reactor;
-    Common::SmartPtr<websocket::WebSocketTransportProtocol> m_ws;
-    Common::SmartPtr<websocket::WebSocketSecureTransportProtocol> m_wss;
 };
 
 // Queues `text` and waits for `handler` to have received `expected` in all.

@@ -22,6 +22,7 @@
 #include "../tls/tlsmaterial.h"
 #include "socketio/selectreactor.h"
 #include "websocket/websockettransportprotocol.h"
+#include "wsfixture.h"
 #include "wspeer.h"
 
 namespace {
@@ -52,17 +53,9 @@ std::string answerTo(unsigned short port, const std::string & request) {
     return answer.substr(0, answer.find("\r\n"));
 }
 
-class WebSocketServerTest : public ::testing::TestWithParam<bool> {
+// Fixed ports: the WebSocket servers turn port 0 into 80 and 443.
+class WebSocketServerTest : public corvane_test::WebSocketFixture<bool> {
 protected:
-    // Fixed ports: the WebSocket servers turn port 0 into 80 and 443.
-    void SetUp() override {
-        m_reactor = new socketio::SelectReactor(1000, 600000, 50);
-        m_reactor->startProcessing();
-        m_ws = new websocket::WebSocketTransportProtocol(m_options);
-        m_wss = new websocket::WebSocketSecureTransportProtocol(m_options);
-    }
-    void TearDown() override { m_reactor->stopProcessing(); }
-
     bool secure() const { return GetParam(); }
     net::ITransportProtocol & protocol() {
         if (secure()) {
@@ -97,11 +90,6 @@ protected:
         ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= kBytes; }, 20000)) << handler->receivedSize();
         EXPECT_TRUE(handler->received() == data);
     }
-
-    socketio::socket_options m_options;
-    Common::SmartPtr<socketio::SelectReactor> m_reactor;
-    Common::SmartPtr<websocket::WebSocketTransportProtocol> m_ws;
-    Common::SmartPtr<websocket::WebSocketSecureTransportProtocol> m_wss;
 };
 INSTANTIATE_TEST_SUITE_P(, WebSocketServerTest, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool> & param) { return param.param ? "wss" : "ws"; });
