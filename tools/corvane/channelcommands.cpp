@@ -234,23 +234,13 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
             reactor->stopProcessing();
         }
     };
-    std::string listenURI = uri;
-    std::string localURI;
-    try {
-        for (int i = 0; i < threads; ++i) {
-            Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
-            reactor->startProcessing();
-            reactors.push_back(reactor);
-            servers.emplace_back(factory->startChannelServer(reactor.get(), listenURI.c_str(), acceptor.get(), options.c_str()));
-            if (i == 0) {
-                localURI = servers.back()->getLocalURI();
-                listenURI = samePort(listenURI, localURI);
-            }
-        }
-    } catch (const std::exception & e) {
-        stopAll();
-        throw std::runtime_error(listenFailure(listenURI, e));
-    }
+    const std::string localURI = listenOnReactors(
+        context, threads, uri, reactors,
+        [&](net::IReactor * reactor, const std::string & listenURI) {
+            servers.emplace_back(factory->startChannelServer(reactor, listenURI.c_str(), acceptor.get(), options.c_str()));
+            return std::string(servers.back()->getLocalURI());
+        },
+        stopAll);
     std::cout << "listening on " << localURI << std::endl;
     waitForStopSignal();
     StopGuard stopping("stopping the server", kStopMilliseconds);

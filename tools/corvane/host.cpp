@@ -182,6 +182,7 @@ std::string withCause(const std::exception & failure, int error) {
 
 // Only the library's texts of a failed bind or connect get a cause; other failures (a bad
 // URI, an unknown scheme, a handshake) have nothing to repeat.
+namespace {
 std::string samePort(const std::string & uri, const std::string & localURI) {
     try {
         net::URI listen = net::URI::FromString(uri);
@@ -192,6 +193,31 @@ std::string samePort(const std::string & uri, const std::string & localURI) {
     } catch (const std::exception &) {
         return uri;
     }
+}
+}  // namespace
+
+std::string listenOnReactors(const Context & context, int threads, const std::string & uri,
+                             std::vector<Common::SmartPtr<net::IReactor>> & reactors,
+                             const std::function<std::string(net::IReactor *, const std::string &)> & listen,
+                             const std::function<void()> & stopAll) {
+    std::string listenURI = uri;
+    std::string localURI;
+    try {
+        for (int i = 0; i < threads; ++i) {
+            Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
+            reactor->startProcessing();
+            reactors.push_back(reactor);
+            const std::string local = listen(reactor.get(), listenURI);
+            if (i == 0) {
+                localURI = local;
+                listenURI = samePort(listenURI, localURI);
+            }
+        }
+    } catch (const std::exception & e) {
+        stopAll();
+        throw std::runtime_error(listenFailure(listenURI, e));
+    }
+    return localURI;
 }
 
 bool portFree(const std::string & uri) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -44,9 +45,14 @@ constexpr int kMaxThreads = 64;
 int defaultThreads();
 // The value of --threads, or UsageError.
 int parseThreads(const std::string & command, const std::string & text);
-// `uri` on the port of `localURI` (what the first listener got): the others listen on the same
-// URI (a ws server names itself http:// in its local URI) and port.
-std::string samePort(const std::string & uri, const std::string & localURI);
+// Starts `threads` reactors and on each a listener through `listen(reactor, uri)`, which returns
+// the listener's local URI: the first on `uri`, the others on the port the first one got (port 0
+// picks one; a ws server names itself http:// in its local URI, so the others keep `uri`). The
+// first listener's local URI; on a failure `stopAll` runs and the listen failure is thrown.
+std::string listenOnReactors(const Context & context, int threads, const std::string & uri,
+                             std::vector<Common::SmartPtr<net::IReactor>> & reactors,
+                             const std::function<std::string(net::IReactor *, const std::string &)> & listen,
+                             const std::function<void()> & stopAll);
 // Whether a listener of the host's own could bind to `uri` now (as the library binds, with
 // SO_REUSEADDR). Listeners that share a port (SO_REUSEPORT) would also share it with another
 // process's: the host shares only a port that nobody holds, so that one in use still fails.

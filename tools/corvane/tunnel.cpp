@@ -98,28 +98,19 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
             reactor->stopProcessing();
         }
     };
-    std::string listenURI = positional[0];
-    std::string localURI;
-    try {
-        for (int i = 0; i < threads; ++i) {
-            Common::SmartPtr<net::IReactor> reactor(context.module->createReactor(5000, 300000, 20));
-            reactor->startProcessing();
-            reactors.push_back(reactor);
-            stores.emplace_back(context.module->createTunnelStore(reactor.get(), factory.get(), bufferSize));
-            net::ITunnelService * service = stores.back()->startTunnel(listenURI.c_str(), listenOptions.c_str(),
-                                                                       positional[1].c_str(), targetOptions.c_str());
-            if (i == 0) {
-                // The others listen on the port the first one got (port 0 picks one).
-                localURI = service->getLocalURI();
-                listenURI = cli::samePort(listenURI, localURI);
-                std::cout << "listening on " << localURI << std::endl;
-            }
-        }
-    } catch (const std::exception & e) {
-        // A creator thread may already run: end it, or the store would never go.
-        stopAll();
-        throw std::runtime_error(cli::listenFailure(listenURI, e));
-    }
+    // A creator thread may already run when a later listener fails: stopAll ends it, or the
+    // store would never go.
+    const std::string localURI = cli::listenOnReactors(
+        context, threads, positional[0], reactors,
+        [&](net::IReactor * reactor, const std::string & listenURI) {
+            stores.emplace_back(context.module->createTunnelStore(reactor, factory.get(), bufferSize));
+            return std::string(stores.back()
+                                   ->startTunnel(listenURI.c_str(), listenOptions.c_str(), positional[1].c_str(),
+                                                 targetOptions.c_str())
+                                   ->getLocalURI());
+        },
+        stopAll);
+    std::cout << "listening on " << localURI << std::endl;
     cli::waitForStopSignal();
     cli::StopGuard stopping("stopping the tunnels", cli::kStopMilliseconds);
     stopAll();
