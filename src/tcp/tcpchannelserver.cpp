@@ -90,9 +90,10 @@ bool TCPChannelServer::onEvents(const short & events, const std::uint64_t & /*no
 void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) noexcept {
     Common::SmartPtr<TCPChannel> channel;
     Common::SmartPtr<net::IChannelHandler> handler;
-    // The acceptor may close this server from inside accept (a one-shot server), which lets go
-    // of m_reactor; the connection it accepted lives on with the same reactor.
-    Common::SmartPtr<socketio::SelectReactor> reactor = m_reactor;
+    // The reactor this server runs on. Not m_reactor: close() lets go of that on any thread,
+    // the acceptor may do so from inside accept (a one-shot server), and the connection
+    // accepted here lives on with the same reactor either way.
+    Common::SmartPtr<socketio::SelectReactor> reactor = m_homeReactor;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
         channel = new TCPChannel(socket, reactor.get(), &peer, m_connectionLocal.get());
