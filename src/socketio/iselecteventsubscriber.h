@@ -12,6 +12,10 @@ namespace socketio {
 
 class SelectReactor;
 
+// Given with SELECT_EVENT_READ when the wait saw bytes to read and neither the peer's end nor
+// an error: a read path that must tell an end from data needs no look of its own then.
+constexpr short SELECT_EVENT_DATA = 64;
+
 class ISelectEventSubscriber : public virtual Common::IRefCnt {
 public:
     // The events wanted for the coming wait; runs with the reactor's lock held.

@@ -20,7 +20,9 @@ const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.socketio.SelectReac
 
 // Readiness that the read path must see: a hang-up or an error makes a socket readable, so
 // that the channel's recv finds the end or the error.
-constexpr std::uint32_t kReadable = EPOLLIN | EPOLLHUP | EPOLLERR;
+constexpr std::uint32_t kReadable = EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+// Any of these makes the next recv find something other than data (the end or an error).
+constexpr std::uint32_t kNotJustData = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr std::uint32_t kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
 // At most this many ready descriptors per wait; more wait for the next (level-triggered).
 constexpr int kMaxEventsPerWait = 256;
@@ -28,7 +30,7 @@ constexpr int kMaxEventsPerWait = 256;
 std::uint32_t epollEvents(short wanted) {
     std::uint32_t events = 0;
     if ((wanted & SELECT_EVENT_READ) != 0) {
-        events |= EPOLLIN;
+        events |= EPOLLIN | EPOLLRDHUP;
     }
     if ((wanted & SELECT_EVENT_WRITE) != 0) {
         events |= EPOLLOUT;
@@ -83,11 +85,15 @@ void SelectReactor::wakeUp() {
 }
 
 void SelectReactor::interestChanged(ISelectEventSubscriber * subscriber) {
-    if (!onReactorThread()) {
-        wakeUp();
+    if (onReactorThread()) {
+        m_dirty.emplace_back(subscriber);
         return;
     }
-    m_dirty.emplace_back(subscriber);
+    // From another thread only that one mask is asked for again, not every mask as after a
+    // plain wakeUp: a tunnel's worker names each new connection's channel this way.
+    Common::ScopedLock guard(&m_lock);
+    m_foreignDirty.emplace_back(subscriber);
+    wakeUp_i();
 }
 
 void SelectReactor::wakeUp_i() {
@@ -165,6 +171,7 @@ void SelectReactor::stopProcessing() {
     }
     SubscriberList subscribers;
     SubscriberList failed;
+    SubscriberList foreignDirty;
     std::vector<Command> commands;
     {
         Common::ScopedLock guard(&m_lock);
@@ -183,6 +190,7 @@ void SelectReactor::stopProcessing() {
         }
         m_interest.clear();
         m_dirty.clear();
+        foreignDirty.swap(m_foreignDirty);
         commands.swap(m_vectorCommand);
         failed.swap(m_vectorFailedSubscriber);
         subscribers.swap(m_vectorSelectEventSubscriber);
@@ -190,6 +198,7 @@ void SelectReactor::stopProcessing() {
     // Released outside the lock, in the same order, so that a destructor that reaches for
     // the reactor cannot deadlock.
     commands.clear();
+    foreignDirty.clear();
     failed.clear();
     subscribers.clear();
 }
@@ -378,9 +387,9 @@ void SelectReactor::syncInterest_i(ISelectEventSubscriber * subscriber, Interest
     interest.closed = wanted != 0 && want == 0;
 }
 
-void SelectReactor::processCommands_i() {
+bool SelectReactor::processCommands_i() {
     if (m_vectorCommand.empty()) {
-        return;
+        return false;
     }
     LOG4CXX_TRACE(logger, "processCommands");
     for (const auto & command : m_vectorCommand) {
@@ -396,7 +405,7 @@ void SelectReactor::processCommands_i() {
         }
     }
     m_vectorCommand.clear();
-    m_conditionDone.Broadcast();
+    return true;
 }
 
 void SelectReactor::clearDeadSockets_i(std::uint64_t now) {
@@ -495,7 +504,12 @@ void SelectReactor::ThreadMain() {
     m_threadId = Common::PlatformThread::CurrentId();
     m_conditionStarted.Signal();
     while (m_bRunning) {
-        processCommands_i();
+        // Their posters are woken once this thread lets go of the lock (they need it to return).
+        const bool carriedOut = processCommands_i();
+        for (auto & subscriber : m_foreignDirty) {
+            m_dirty.push_back(std::move(subscriber));
+        }
+        m_foreignDirty.clear();
         const std::uint64_t now = Common::GetTickCount64();
         if (sweepEnabled) {
             if (lastSweep == 0 || now - lastSweep >= sweepPeriod) {
@@ -505,6 +519,9 @@ void SelectReactor::ThreadMain() {
         }
         if (m_vectorSelectEventSubscriber.empty()) {
             m_dirty.clear();
+            if (carriedOut) {
+                m_conditionDone.Broadcast();
+            }
             m_conditionCommand.Wait();
             continue;
         }
@@ -544,6 +561,9 @@ void SelectReactor::ThreadMain() {
         {
             m_bLockHeldByThread = false;
             Common::ScopedUnlock unlocked(&m_lock);
+            if (carriedOut) {
+                m_conditionDone.Broadcast();
+            }
             // A pending event is delivered now, not after a full time-out.
             result = epoll_wait(m_epollFd, events.data(), kMaxEventsPerWait, pending.empty() ? waitMilliseconds : 0);
         }
@@ -578,6 +598,9 @@ void SelectReactor::ThreadMain() {
             if (fd >= 0 && fd == interest.fd) {
                 if ((interest.wanted & SELECT_EVENT_READ) != 0 && (seen & kReadable) != 0) {
                     got |= SELECT_EVENT_READ;
+                    if ((seen & EPOLLIN) != 0 && (seen & kNotJustData) == 0 && !interest.closed) {
+                        got |= SELECT_EVENT_DATA;
+                    }
                 }
                 if ((interest.wanted & SELECT_EVENT_WRITE) != 0 && (seen & kWritable) != 0) {
                     got |= SELECT_EVENT_WRITE;

@@ -73,7 +73,8 @@ public:
     // subscriber whose interest changed on another thread.
     void wakeUp();
     // Any thread: the mask of `subscriber` may have changed. On the reactor thread it is asked
-    // again before the next wait (cheap: no lock, no system call); elsewhere as wakeUp.
+    // again before the next wait (cheap: no lock, no system call); elsewhere it ends a running
+    // wait as wakeUp does, but only this mask is asked for again. Not from getEventMask.
     void interestChanged(ISelectEventSubscriber * subscriber);
 
     // Any thread: whether the caller is this reactor's thread. A subscriber must not wait for
@@ -147,7 +148,8 @@ private:
     // Reactor thread only. addSubscriber answers false when it parked a refusal.
     bool addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread);
     void removeSubscriber(ISelectEventSubscriber * subscriber);
-    void processCommands_i();
+    // True when it carried out commands: their posters are to be woken (m_conditionDone).
+    bool processCommands_i();
     // m_lock held: posts a command of another thread and waits until it is carried out or
     // the reactor stops; a command not carried out is withdrawn. True when it was done.
     bool postAndWait_i(bool add, ISelectEventSubscriber * subscriber, CommandStatus & status);
@@ -189,6 +191,7 @@ private:
     // Reactor thread only (it changes them, with or without m_lock).
     std::unordered_map<ISelectEventSubscriber *, Interest> m_interest;
     SubscriberList m_dirty;  // masks to ask for again before the next wait
+    SubscriberList m_foreignDirty;  // the same, named by other threads; under m_lock
     std::uint64_t m_round;
     // Set by wakeUp: every mask is asked for again before the next wait.
     std::atomic<bool> m_bRereadAll;

@@ -41,18 +41,13 @@ int socketFamily(unsigned int socket) {
 }
 
 // A blocking connect that a signal interrupts goes on in the background: wait for its end.
-// Under a ConnectTimeout the connect runs non-blocking, so that a silent address (a dropped
-// SYN) cannot outlast the limit.
-bool connectBlocking(int fd, const sockaddr * address, socklen_t length) {
-    const bool limited = ConnectTimeLimit() != 0;
-    const int flags = fcntl(fd, F_GETFL);
-    if (limited) {
-        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    }
+// `limited`: the socket was made non-blocking (SOCK_NONBLOCK) for the limit; it leaves
+// blocking, as every caller expects it.
+bool connectBlocking(int fd, const sockaddr * address, socklen_t length, bool limited) {
     const bool done = connect(fd, address, length) == 0;
     const int connectErrno = errno;
     if (limited) {
-        fcntl(fd, F_SETFL, flags);
+        fcntl(fd, F_SETFL, O_RDWR);
     }
     if (done) {
         return true;
@@ -76,6 +71,10 @@ bool connectBlocking(int fd, const sockaddr * address, socklen_t length) {
             return false;
         }
     }
+    // Writable and neither hung up nor failed: connected, no need to ask.
+    if ((entry.revents & (POLLHUP | POLLERR)) == 0) {
+        return true;
+    }
     // A stop shuts the connecting socket down, which ends the wait with no error recorded.
     sockaddr_storage peer{};
     socklen_t peerLength = sizeof peer;
@@ -97,7 +96,11 @@ bool connectBlocking(int fd, const sockaddr * address, socklen_t length) {
 
 unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket_options & options) {
     for (const addrinfo * entry : entries) {
-        int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC, entry->ai_protocol);
+        const bool limited = ConnectTimeLimit() != 0;
+        // Under a limit the connect runs non-blocking, so that a silent address (a dropped
+        // SYN) cannot outlast it.
+        int fd = socket(entry->ai_family, entry->ai_socktype | SOCK_CLOEXEC | (limited ? SOCK_NONBLOCK : 0),
+                        entry->ai_protocol);
         if (fd < 0) {
             continue;
         }
@@ -113,7 +116,7 @@ unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket
             SocketClose(static_cast<unsigned int>(fd));
             throw;
         }
-        if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen)) {
+        if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen, limited)) {
             return static_cast<unsigned int>(fd);
         }
         SocketClose(static_cast<unsigned int>(fd));

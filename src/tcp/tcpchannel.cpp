@@ -95,9 +95,16 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
     bool ending = false;  // onClose or onError has been called: it was the handler's last call
     try {
         if ((events & socketio::SELECT_EVENT_READ) != 0 && !m_readEnded) {
-            char byte;
-            ssize_t peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
-            if (peeked <= 0) {
+            // The handler hears onClose, not an onRead that finds nothing, at the peer's end:
+            // where the wait saw only data, no look ahead is needed (one recv per event).
+            ssize_t peeked = 1;
+            if ((events & socketio::SELECT_EVENT_DATA) == 0) {
+                char byte;
+                peeked = ::recv(static_cast<int>(m_socket), &byte, 1, MSG_PEEK);
+            }
+            // Nothing there any more (read since the wait): no news for the handler.
+            const bool drained = peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+            if (peeked <= 0 && !drained) {
                 ending = true;
             }
             if (peeked == 0 && m_readEnd != nullptr && handler.get() == m_channelHandler.get() &&
@@ -110,12 +117,12 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
                 handler->onClose();
                 return false;
             }
-            if (peeked < 0) {
+            if (peeked < 0 && !drained) {
                 // Every failure ends the channel, a socket closed by the reactor's sweep included.
                 handler->onError();
                 return false;
             }
-            if (!m_readEnded) {
+            if (!m_readEnded && !drained) {
                 handler->onRead(this);
             }
         }
@@ -171,8 +178,10 @@ bool TCPChannel::shutdownWrite() {
     }
     // The abortive linger of the socket options would drop what the kernel still holds for
     // the peer at the close that follows: an ended direction is delivered whole.
-    struct linger orderly{0, 0};
-    ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    if (m_abortiveLinger) {
+        struct linger orderly{0, 0};
+        ::setsockopt(static_cast<int>(m_socket), SOL_SOCKET, SO_LINGER, &orderly, sizeof orderly);
+    }
     return ::shutdown(static_cast<int>(m_socket), SHUT_WR) == 0;
 }
 

@@ -68,6 +68,9 @@ public:
     int send(int length, const void * buffer) override;
     // Any thread. shutdown(2) SHUT_WR: the peer reads its end after the bytes sent so far.
     bool shutdownWrite() override;
+    // Before the channel runs: false where the socket was set up without the abortive linger
+    // (socket_options::linger off), so that an orderly end need not turn it off.
+    void setAbortiveLinger(bool on) { m_abortiveLinger = on; }
 
 private:
     // Written by closeSocket under m_socketLock (and the reactor's lock); read under either.
@@ -96,6 +99,7 @@ private:
     std::atomic<bool> m_closedByOwner;
     // Set by the close() that lets go of the handler.
     std::atomic<bool> m_handlerReleased;
+    bool m_abortiveLinger = true;
 };
 
 }  // namespace tcp

@@ -97,6 +97,8 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
         channel = new TCPChannel(socket, reactor.get(), &peer, m_connectionLocal.get());
+        // The accepted socket has the listener's options.
+        channel->setAbortiveLinger(m_socketOptions.linger);
         handler = m_acceptor->accept(channel.get());
         // Taken: an acceptor that kept it for this thread (Common::KeepForCaller) lets it go.
         Common::KeepForCaller(nullptr);

@@ -50,6 +50,7 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
     Common::SmartPtr<TCPChannel> channel;
     try {
         channel = new TCPChannel(socket);
+        channel->setAbortiveLinger(m_socketOptions.linger);
         channel->setChannelHandler(handler);
         if (selectReactor == nullptr) {
             throw socketio::InternalException("openChannel needs a reactor made by this module", true);

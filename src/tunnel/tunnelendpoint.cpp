@@ -468,6 +468,25 @@ bool TunnelEndPoint::afterJoin() {
     return m_closed.load() || advance_i();
 }
 
+bool TunnelEndPoint::sendWhatWaits() {
+    Common::ScopedLock guard(&m_lock->m_lock);
+    if (m_closed.load() || !m_channel || !m_peer) {
+        return true;
+    }
+    // A client that has ended already: its end follows the bytes in the reactor's onWrite.
+    if (!m_peer->m_inputEnded) {
+        if (sendFromPeerRing_i(m_channel->getWriteDataStream()) < 0) {
+            return false;
+        }
+        // The channel's mask was read with nothing to write when it was taken in.
+        if (m_peer->m_filled.load(std::memory_order_relaxed) == 0) {
+            return true;
+        }
+    }
+    interestMayHaveChanged(m_channel.get(), storeReactor());
+    return true;
+}
+
 void TunnelEndPoint::closeFailedConnect(const std::string & targetURI, const std::string & failure) {
     {
         Common::ScopedLock guard(&m_lock->m_lock);

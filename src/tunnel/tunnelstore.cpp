@@ -182,10 +182,9 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, const std::string & ur
         newEndPoint->close();
         return;
     }
-    // What the client sent before the join waits in its ring: the reactor asks the new
-    // channel for its mask now rather than after its running wait.
-    if (auto * selectReactor = dynamic_cast<socketio::SelectReactor *>(m_reactor.get())) {
-        selectReactor->wakeUp();
+    // What the client sent before the join waits in its ring.
+    if (!newEndPoint->sendWhatWaits()) {
+        newEndPoint->close("send to the target failed");
     }
 }
 
