@@ -372,7 +372,9 @@ stalled_reader() {  # tcp->ws->tcp: a client that never reads its echo costs the
     pair ws; run_client "$entry" tcp-stall
     local before used; before=$(ticks "$outer"); sleep 2; used=$(( $(ticks "$outer") - before ))
     kill -9 "$client"; wait "$client" 2>/dev/null; unpair
-    [ "$used" -le 20 ] || { echo "  the outer tunnel used $used ticks in 2 s"; return 1; }
+    # A spinning tunnel takes a whole core (200 ticks in 2 s); an idle one, under a sanitizer
+    # on a loaded machine, up to about a tenth of that.
+    [ "$used" -le 50 ] || { echo "  the outer tunnel used $used ticks in 2 s"; return 1; }
 }
 check "tcp->ws->tcp: a stalled reader does not spin the tunnel" stalled_reader
 
