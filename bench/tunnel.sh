@@ -66,6 +66,29 @@ cpu_figures "tunnel CPU per GB" "ms" haproxy corvane haproxy socat
 measure rate "$RATE_SECONDS" "tunnel connection rate" "conn/s"
 cpu_figures "tunnel CPU per 1000 connections" "ms" haproxy corvane haproxy socat
 
+# System calls per connection, every thread of the forwarder counted by strace over one second
+# of the rate client (strace slows the forwarder down; the counts per connection stand).
+syscalls_per_connection() {
+    command -v strace >/dev/null || { echo "system calls per connection: strace is missing (scripts/install-deps)"; return; }
+    local -A per=()
+    local target
+    for target in corvane haproxy; do
+        local pid_variable="${target}_pids" port_variable="${target}_port"
+        strace -c -f -o "$work/strace_$target" -p "${!pid_variable}" 2>/dev/null &
+        local tracer=$!
+        sleep 0.5
+        local rate
+        rate=$("$TUNNELBENCH" rate "${!port_variable}" 1)
+        sleep 0.2
+        kill -INT "$tracer"
+        wait "$tracer" || true
+        per[$target]=$(awk -v r="$rate" '$NF == "total" { printf "%.1f", $4 / r }' "$work/strace_$target")
+    done
+    awk -v c="${per[corvane]}" -v h="${per[haproxy]}" \
+        'BEGIN { printf "tunnel system calls per connection: corvane %s, haproxy %s; corvane/haproxy %.2f\n", c, h, c / h }'
+}
+syscalls_per_connection
+
 # Round trips of 64 bytes with every process on CPU 0: unpinned round trips on a 2-CPU machine
 # are bimodal (the two ends wake on the same or on different CPUs) and mean nothing.
 for pid in "${pids[@]}"; do taskset -apc 0 "$pid" >/dev/null; done
