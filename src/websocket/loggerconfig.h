@@ -10,6 +10,9 @@
 #pragma once
 
 #include <websocketpp/config/core.hpp>
+#include <websocketpp/processors/hybi13.hpp>
+
+#include "websocket/framemask.h"
 
 #include "websocket/logoutputstream.h"
 
@@ -32,4 +35,47 @@ struct LoggerConfig : public Base {
 constexpr const char * kEngineAccessCategory = "com.ventrel.websocketpp.access";
 constexpr const char * kEngineErrorCategory = "com.ventrel.websocketpp.error";
 
+// The one configuration the channels instantiate the engine with.
+using EngineConfig = LoggerConfig<websocketpp::config::core>;
+
 }  // namespace websocket
+
+// The engine's frame masking, a word at a time (framemask.h), in place of its byte loop:
+// declared here, right after the configuration, so that no use can come before them.
+namespace websocketpp {
+namespace processor {
+
+template <>
+inline void hybi13<websocket::EngineConfig>::masked_copy(std::string const & i, std::string & o,
+                                                     frame::masking_key_type key) const {
+    // o has i's size already (the engine resizes it first).
+    websocket::MaskPayload(reinterpret_cast<const std::uint8_t *>(i.data()), reinterpret_cast<std::uint8_t *>(&o[0]),
+                           i.size(), frame::prepare_masking_key(key));
+}
+
+template <>
+inline size_t hybi13<websocket::EngineConfig>::process_payload_bytes(uint8_t * buf, size_t len, lib::error_code & ec) {
+    if (frame::get_masked(m_basic_header)) {
+        m_current_msg->prepared_key = websocket::MaskPayload(buf, buf, len, m_current_msg->prepared_key);
+    }
+    std::string & out = m_current_msg->msg_ptr->get_raw_payload();
+    const size_t offset = out.size();
+    if (m_permessage_deflate.is_enabled() && m_current_msg->msg_ptr->get_compressed()) {
+        ec = m_permessage_deflate.decompress(buf, len, out);
+        if (ec) {
+            return 0;
+        }
+    } else {
+        out.append(reinterpret_cast<char *>(buf), len);
+    }
+    if (m_current_msg->msg_ptr->get_opcode() == frame::opcode::TEXT &&
+        !m_current_msg->validator.decode(out.begin() + static_cast<std::ptrdiff_t>(offset), out.end())) {
+        ec = make_error_code(error::invalid_utf8);
+        return 0;
+    }
+    m_bytes_needed -= len;
+    return len;
+}
+
+}  // namespace processor
+}  // namespace websocketpp

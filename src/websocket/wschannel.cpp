@@ -434,7 +434,7 @@ void WSChannel::onWebSocketMessage(std::weak_ptr<void>, MessagePtr message) {
         const auto opcode = message->get_opcode();
         if (opcode == websocketpp::frame::opcode::binary ||
             (opcode == websocketpp::frame::opcode::text && m_bTextMessages)) {
-            m_ReadBuffer.addMessage(message->get_payload());
+            m_ReadBuffer.addMessage(std::move(message->get_raw_payload()));
             LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
                                                         << "]: m_ReadBuffer.size = " << m_ReadBuffer.size());
         } else if (opcode == websocketpp::frame::opcode::text && !m_bTextDropTold) {

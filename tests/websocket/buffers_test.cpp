@@ -8,6 +8,7 @@
 
 #include "logcapture.h"
 #include "pattern.h"
+#include "websocket/framemask.h"
 #include "websocket/logoutputstream.h"
 #include "websocket/messagebuffer.h"
 #include "websocket/ringbuf.h"
@@ -147,6 +148,35 @@ TEST(MessageBuffer, DeliverToRunsUntilTheHandlerStopsTaking) {
         std::string rest(buffer.size(), '\0');
         EXPECT_EQ(buffer.recv(static_cast<int>(rest.size()), &rest[0]), static_cast<int>(rest.size()));
         EXPECT_EQ(reader->received + rest, a + c);
+    }
+}
+
+// The word-wise masking against the engine's own byte loop, for payloads cut into pieces of
+// every length up to 19 (the key rotating from piece to piece), in place and copying, for the
+// key 0 of this system's client and for keys of other clients.
+TEST(FrameMask, MatchesTheEngineByteLoopPieceByPiece) {
+    const std::string input = corvane_test::Pattern(1000);
+    for (std::uint32_t key : {0u, 0x12345678u, 0xff00a5c3u, 0x000000ffu}) {
+        websocketpp::frame::masking_key_type masking;
+        masking.i = key;
+        for (std::size_t piece = 1; piece <= 19; ++piece) {
+            std::string expected = input, copied(input.size(), '\0'), inPlace = input;
+            std::size_t engineKey = websocketpp::frame::prepare_masking_key(masking);
+            std::size_t copyKey = engineKey, inPlaceKey = engineKey;
+            for (std::size_t at = 0; at < input.size(); at += piece) {
+                const std::size_t n = std::min(piece, input.size() - at);
+                auto * e = reinterpret_cast<std::uint8_t *>(&expected[at]);
+                engineKey = websocketpp::frame::byte_mask_circ(e, n, engineKey);
+                copyKey = websocket::MaskPayload(reinterpret_cast<const std::uint8_t *>(&input[at]),
+                                                 reinterpret_cast<std::uint8_t *>(&copied[at]), n, copyKey);
+                auto * p = reinterpret_cast<std::uint8_t *>(&inPlace[at]);
+                inPlaceKey = websocket::MaskPayload(p, p, n, inPlaceKey);
+                ASSERT_EQ(copyKey, engineKey) << "key " << key << ", piece " << piece << ", at " << at;
+                ASSERT_EQ(inPlaceKey, engineKey);
+            }
+            EXPECT_EQ(copied, expected) << "key " << key << ", piece " << piece;
+            EXPECT_EQ(inPlace, expected) << "key " << key << ", piece " << piece;
+        }
     }
 }
 
