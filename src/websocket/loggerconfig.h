@@ -1,7 +1,8 @@
 // websocket::LoggerConfig: the engine configuration of the WebSocket channels. It is the
 // engine's core configuration (iostream transport without a stream, real mutexes, the null
 // random generator, no compression) with both log streams replaced by the log4cxx-bound
-// loggers, for the endpoint and for the transport inside it.
+// loggers, for the endpoint and for the transport inside it, and with messages whose payload
+// storage is reused (payloadpool.h).
 //
 // The null generator is deliberate: every client handshake carries the same
 // Sec-WebSocket-Key and every client frame is masked with the key 0, so the payload goes out
@@ -15,6 +16,7 @@
 #include "websocket/framemask.h"
 
 #include "websocket/logoutputstream.h"
+#include "websocket/payloadpool.h"
 
 namespace websocket {
 
@@ -29,6 +31,12 @@ struct LoggerConfig : public Base {
         typedef type::elog_type elog_type;
     };
     typedef websocketpp::transport::iostream::endpoint<transport_config> transport_type;
+
+    // Messages draw their payload storage from the thread's pool and give it back when they
+    // go (payloadpool.h), instead of a new allocation for every message.
+    typedef websocketpp::message_buffer::message<PooledMessageManager> message_type;
+    typedef PooledMessageManager<message_type> con_msg_manager_type;
+    typedef websocketpp::message_buffer::alloc::endpoint_msg_manager<con_msg_manager_type> endpoint_msg_manager_type;
 };
 
 // The log4cxx categories of the engine's two streams.

@@ -11,6 +11,7 @@
 #include "websocket/framemask.h"
 #include "websocket/logoutputstream.h"
 #include "websocket/messagebuffer.h"
+#include "websocket/payloadpool.h"
 #include "websocket/ringbuf.h"
 
 namespace {
@@ -98,6 +99,42 @@ TEST(MessageBuffer, ReadCrossesMessageBoundaries) {
     EXPECT_FALSE(buffer.empty());
     EXPECT_EQ(buffer.recv(4, out), 0);
     EXPECT_TRUE(buffer.empty());
+}
+
+// Payload storage comes back empty and large enough, the pool stays bounded, and a message
+// read to its end gives its storage back for the next one.
+TEST(PayloadPool, ReusesBoundedStorage) {
+    using websocket::PayloadPool;
+    while (PayloadPool::keptOnThisThread() > 0) {
+        PayloadPool::take(0);
+    }
+    for (int i = 0; i < 6; ++i) {
+        PayloadPool::give(std::string(8192 + i, 'x'));
+    }
+    PayloadPool::give(std::string(16, 's'));
+    PayloadPool::give(std::string(PayloadPool::kMaxKeptCapacity + 1, 'l'));
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), PayloadPool::kMaxKeptStrings);
+    std::string small = PayloadPool::take(100);
+    EXPECT_TRUE(small.empty());
+    EXPECT_GE(small.capacity(), 8192u);
+    std::string large = PayloadPool::take(100000);
+    EXPECT_TRUE(large.empty());
+    EXPECT_GE(large.capacity(), 100000u);
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), PayloadPool::kMaxKeptStrings - 2);
+    while (PayloadPool::keptOnThisThread() > 0) {
+        PayloadPool::take(0);
+    }
+
+    websocket::MessageBuffer buffer;
+    std::string message = corvane_test::Pattern(10000);
+    const char * storage = message.data();
+    buffer.addMessage(std::move(message));
+    std::string out(10000, '\0');
+    EXPECT_EQ(buffer.recv(9999, &out[0]), 9999);
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), 0u);
+    EXPECT_EQ(buffer.recv(10, &out[9999]), 1);
+    EXPECT_EQ(out, corvane_test::Pattern(10000));
+    EXPECT_EQ(PayloadPool::take(5000).data(), storage);
 }
 
 class ChunkReader : public net::IChannelHandler {
