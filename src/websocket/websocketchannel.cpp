@@ -170,6 +170,11 @@ void WebSocketChannel::processUntil(Done done) {
     LOG4CXX_TRACE(m_log, "enter websocketProcessLoop()");
     // poll, not select: descriptors above 1023 are as good as any other.
     while (!done() && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+        if (inputPending()) {
+            // Held below already (read ahead by OpenSSL): the socket may never show it again.
+            readDataFromSocketToWebSocket();
+            continue;
+        }
         const bool writing = outputWaiting();
         pollfd entry{static_cast<int>(m_hSocket), static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
         // Never past the time left to open the connection, if that is limited.
