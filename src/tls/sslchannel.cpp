@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 
@@ -60,6 +61,8 @@ SSLChannel::SSLChannel(unsigned int socket, SSL * ssl, bool handshakeDone, socke
         // A repeated write may come from another address holding the same bytes (a host's
         // buffer that moved after send answered 0); OpenSSL then still checks the length.
         SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+        // A record's header and its body in one read, not two.
+        SSL_set_read_ahead(ssl, 1);
     }
     m_localURI = socketio::SocketLocalURI(socket, true, "ssl").ToString();
     m_peerURI = socketio::SocketPeerURI(socket, "ssl").ToString();
@@ -126,7 +129,10 @@ short SSLChannel::getEventMask() noexcept {
         handler = m_handler;
         readInterest = m_readInterest;
         handshakeDone = m_handshakeDone;
-        pending = m_ssl != nullptr && handshakeDone ? SSL_pending(m_ssl) : 0;
+        // Records read ahead count too, unless what is held is only part of one.
+        pending = m_ssl != nullptr && handshakeDone
+                      ? std::max(SSL_pending(m_ssl), !m_inputStarved && SSL_has_pending(m_ssl) ? 1 : 0)
+                      : 0;
         endPending = m_endPending;
         readEnded = m_readEnded;
     }
@@ -264,8 +270,10 @@ bool SSLChannel::dispatch(net::IChannelHandler * handler, short events) {
                 char byte;
                 const int result = SSL_peek(m_ssl, &byte, 1);
                 const int savedErrno = errno;
+                m_inputStarved = false;
                 if (result <= 0) {
                     const int error = SSL_get_error(m_ssl, result);
+                    m_inputStarved = error == SSL_ERROR_WANT_READ;
                     if (error == SSL_ERROR_ZERO_RETURN) {
                         // Kept for a handler that still writes: it ends the connection itself.
                         if (readEnd == nullptr) {
@@ -405,9 +413,11 @@ int SSLChannel::recv(int length, void * buffer) {
             }
             position += result;
             remaining -= result;
+            m_inputStarved = false;
         } else if (error == SSL_ERROR_WANT_READ) {
             LOG4CXX_TRACE(logger, "recv: ==> SSL_ERROR_WANT_READ-> r = " << result);
             wantRead = true;
+            m_inputStarved = true;
         } else {
             break;
         }

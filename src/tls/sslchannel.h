@@ -126,6 +126,9 @@ private:
     // The peer's close_notify was read and the handler kept the channel for writing: no read
     // events any more.
     bool m_readEnded;                          // GUARDED_BY(m_lock)
+    // OpenSSL reads ahead: it may hold records that the socket no longer shows. This flag says
+    // that the last read found only part of a record there, which waits for the socket.
+    bool m_inputStarved = false;               // GUARDED_BY(m_lock)
     bool m_handshakeDone;                      // GUARDED_BY(m_lock)
     // recv met the peer's end or a failure after bytes it delivered: the next cycle's peek
     // reports it, even with a silent socket.

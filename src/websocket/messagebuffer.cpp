@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "websocket/payloadpool.h"
+
 namespace websocket {
 
 void MessageBuffer::addMessage(std::string message) {
@@ -27,6 +29,8 @@ int MessageBuffer::recv(int length, void * buffer) {
             m_frontOffset += count;
             break;
         }
+        // Its storage serves the engine's next message.
+        PayloadPool::give(std::move(m_Messages.front()));
         m_Messages.pop_front();
         m_frontOffset = 0;
         if (remaining == 0) {

@@ -1,7 +1,7 @@
 #include "websocket/websocketchannel.h"
 
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -106,8 +106,9 @@ WebSocketChannel::~WebSocketChannel() {
 
 void WebSocketChannel::openLogicalConnection(const char * szURI) {
     LOG4CXX_TRACE(m_log, "openLogicalConnection( szURI = " << szURI << " )");
-    const int fd = static_cast<int>(m_hSocket);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    // One call that sets only the non-blocking flag, without reading the others first.
+    int nonBlocking = 1;
+    ioctl(static_cast<int>(m_hSocket), FIONBIO, &nonBlocking);
     prepareTransport();
     try {
         {
@@ -123,6 +124,9 @@ void WebSocketChannel::openLogicalConnection(const char * szURI) {
             if (m_bOutputOverflow) {
                 throw InternalException(kOverflowText);
             }
+            // The request goes out at once: a fresh socket has room for it, and the pump then
+            // waits for the answer alone. A failure shows there.
+            flushWriteToSocket_i();
             ec = m_Connection->get_ec();
             if (ec) {
                 throw InternalException(("unable to connect:" + ec.message()).c_str());
@@ -170,6 +174,11 @@ void WebSocketChannel::processUntil(Done done) {
     LOG4CXX_TRACE(m_log, "enter websocketProcessLoop()");
     // poll, not select: descriptors above 1023 are as good as any other.
     while (!done() && !m_bInputEnded && m_hSocket != socketio::INVALID_SOCKET_HANDLE) {
+        if (inputPending()) {
+            // Held below already (read ahead by OpenSSL): the socket may never show it again.
+            readDataFromSocketToWebSocket();
+            continue;
+        }
         const bool writing = outputWaiting();
         pollfd entry{static_cast<int>(m_hSocket), static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
         // Never past the time left to open the connection, if that is limited.

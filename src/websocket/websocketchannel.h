@@ -18,7 +18,6 @@
 #include <mutex>
 #include <string>
 #include <system_error>
-#include <vector>
 
 #include <websocketpp/client.hpp>
 
@@ -31,6 +30,7 @@
 #include "websocket/keepalive.h"
 #include "websocket/loggerconfig.h"
 #include "websocket/messagebuffer.h"
+#include "websocket/readbuffer.h"
 #include "websocket/ringbuf.h"
 
 namespace websocket {
@@ -189,7 +189,7 @@ protected:
     MessageBuffer m_ReadMessageBuffer;  // reactor thread (caller's thread while opening and closing)
     // Storage of one read: the receive buffer size rounded up to 16n-1 bytes, so that even a
     // size of 0 reads 15 bytes at a time.
-    std::vector<char> m_RecvBuffer;
+    ReadBuffer m_RecvBuffer;
     // Set once a read found the end of the stream or a failure; the pump of opening and
     // closing then has nothing left to wait for.
     bool m_bInputEnded;

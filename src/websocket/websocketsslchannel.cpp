@@ -15,8 +15,10 @@ const log4cxx::LoggerPtr openssl = Common::GetLogger("org.openssl");
 
 // Reads what OpenSSL decodes, up to `length` bytes; the count, or -1 when the connection
 // failed before any byte was read. A failure after bytes were read returns those bytes: the
-// next peek meets the failure again and reports it.
-int ssl_recv(SSL * ssl, char * buffer, int length) {
+// next peek meets the failure again and reports it. `starved`: the read ended because only
+// part of a record was there.
+int ssl_recv(SSL * ssl, char * buffer, int length, bool & starved) {
+    starved = false;
     int remaining = length;
     bool wantRead = false;
     int r = 0;
@@ -40,10 +42,12 @@ int ssl_recv(SSL * ssl, char * buffer, int length) {
         } else if (e == SSL_ERROR_WANT_READ) {
             LOG4CXX_TRACE(logger, "ssl_recv: ==> SSL_ERROR_WANT_READ-> r = " << r);
             wantRead = true;
+            starved = true;
         } else {
             break;
         }
-        if (remaining < 1 || wantRead || SSL_pending(ssl) == 0) {
+        // Records read ahead are taken too: the socket does not show them any more.
+        if (remaining < 1 || wantRead || !SSL_has_pending(ssl)) {
             return length - remaining;
         }
     }
@@ -158,12 +162,16 @@ void WebSocketSSLChannel::prepareTransport() {
     // Without SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER: a repeated write keeps its pointer, which
     // the fixed storage of the ring allows.
     SSL_set_mode(m_ssl, SSL_MODE_ENABLE_PARTIAL_WRITE);
+    // A record's header and its body in one read, not two.
+    SSL_set_read_ahead(m_ssl, 1);
 }
 
 bool WebSocketSSLChannel::inputPending() {
     std::lock_guard<std::mutex> guard(m_SendMutex);
-    // Decoded bytes, or a close_notify already taken in: the socket shows neither.
-    return m_ssl != nullptr && (SSL_pending(m_ssl) > 0 || (SSL_get_shutdown(m_ssl) & SSL_RECEIVED_SHUTDOWN) != 0);
+    // Decoded bytes, records read ahead (unless what is held is only part of one), or a
+    // close_notify already taken in: the socket shows none of them.
+    return m_ssl != nullptr && (SSL_pending(m_ssl) > 0 || (!m_bInputStarved && SSL_has_pending(m_ssl)) ||
+                                (SSL_get_shutdown(m_ssl) & SSL_RECEIVED_SHUTDOWN) != 0);
 }
 
 bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
@@ -200,6 +208,7 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
                 errno = savedErrno;
                 const std::string text = tools::sslErrorText(e, "SSL_peek", &code);
                 if (code == tools::kWouldBlock) {
+                    m_bInputStarved = true;
                     return true;
                 }
                 guard.unlock();
@@ -213,7 +222,7 @@ bool WebSocketSSLChannel::readDataFromSocketToWebSocket() {
                 return false;
             }
         }
-        n = ssl_recv(m_ssl, m_RecvBuffer.data(), static_cast<int>(m_RecvBuffer.size()));
+        n = ssl_recv(m_ssl, m_RecvBuffer.data(), static_cast<int>(m_RecvBuffer.size()), m_bInputStarved);
         LOG4CXX_TRACE(m_log, "readDataFromSocketToWebSocket[" << m_strDescription << "]: ssl_recv( ssl = "
                                                               << static_cast<void *>(m_ssl) << ", buf = "
                                                               << static_cast<void *>(m_RecvBuffer.data())

@@ -35,6 +35,9 @@ private:
     // in the ring's storage, whose read side does not move for it until it succeeds.
     const char * m_wantWritePos;    // GUARDED_BY(m_SendMutex)
     unsigned int m_wantWriteCount;  // GUARDED_BY(m_SendMutex)
+    // OpenSSL reads ahead: it may hold records that the socket no longer shows. This flag
+    // says that the last read found only part of a record there, which waits for the socket.
+    bool m_bInputStarved = false;  // GUARDED_BY(m_SendMutex)
 };
 
 }  // namespace websocket

@@ -33,6 +33,7 @@ WSChannel::WSChannel(unsigned int sendBufferSize, unsigned int receiveBufferSize
       m_bClosing(false),
       m_bHandshakeDone(false),
       m_bOpen(false),
+      m_RecvBuffer(receiveBufferSize | 15u),
       m_nTotalBytesPending(0),
       m_bEndedWithError(false) {
     m_Endpoint.set_secure(secure);
@@ -50,8 +51,6 @@ WSChannel::WSChannel(unsigned int sendBufferSize, unsigned int receiveBufferSize
     m_Endpoint.set_ping_handler(std::bind(&WSChannel::onWebSocketPing, this, _1, _2));
     m_Endpoint.set_validate_handler(std::bind(&WSChannel::onWebSocketValidate, this, _1));
     m_Endpoint.set_http_handler(std::bind(&WSChannel::onWebSocketHTTP, this, _1));
-    // Sized, not only reserved: a read writes into it. A size of 0 still reads 15 bytes.
-    m_RecvBuffer.resize(receiveBufferSize | 15u);
 }
 
 WSChannel::~WSChannel() {
@@ -374,7 +373,7 @@ void WSChannel::onRead_i(net::IReadDataStream * stream) {
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
         learnReactor_i();
-        const int n = stream->recv(static_cast<int>(m_RecvBuffer.size()), &m_RecvBuffer[0]);
+        const int n = stream->recv(static_cast<int>(m_RecvBuffer.size()), m_RecvBuffer.data());
         if (n > 0) {
             // Whatever the bytes are (a pong, data, a close frame), the peer is alive.
             m_KeepAlive.heard(Common::GetTickCount64());
@@ -434,7 +433,7 @@ void WSChannel::onWebSocketMessage(std::weak_ptr<void>, MessagePtr message) {
         const auto opcode = message->get_opcode();
         if (opcode == websocketpp::frame::opcode::binary ||
             (opcode == websocketpp::frame::opcode::text && m_bTextMessages)) {
-            m_ReadBuffer.addMessage(message->get_payload());
+            m_ReadBuffer.addMessage(std::move(message->get_raw_payload()));
             LOG4CXX_TRACE(logger, "onWebSocketMessage[" << m_strDescription
                                                         << "]: m_ReadBuffer.size = " << m_ReadBuffer.size());
         } else if (opcode == websocketpp::frame::opcode::text && !m_bTextDropTold) {

@@ -29,6 +29,7 @@
 #include "websocket/loggerconfig.h"
 #include "socketio/halfclose.h"
 #include "websocket/messagebuffer.h"
+#include "websocket/readbuffer.h"
 
 namespace websocket {
 
@@ -235,7 +236,9 @@ private:
     std::string m_strLocalURI;
     std::string m_strPeerURI;
     std::string m_strDescription;
-    std::string m_RecvBuffer;
+    // Storage of one read: the receive buffer size rounded up to 16n-1 bytes, so that even a
+    // size of 0 reads 15 bytes at a time.
+    ReadBuffer m_RecvBuffer;
     // The engine ended while messages still waited for the handler: the handler and the
     // channel below stay until they are delivered. Reactor thread, under m_Mutex.
     bool m_bEndAfterReader = false;

@@ -332,7 +332,7 @@ TEST_F(TlsTransport, ServerAsksForClientCertificatesAndRefusesOnesThatDoNotVerif
     server->close();
 }
 
-TEST_F(TlsTransport, RecordSplitAcrossSegmentsAndCloseNotifyFromThePeer) {
+TEST_F(TlsTransport, RecordSplitAcrossSegmentsRecordsHeldAheadAndCloseNotifyFromThePeer) {
     std::vector<int> received;  // recv results, reactor thread only
     acceptor->makeHandler = [&] {
         auto * handler = new RecordingHandler;
@@ -370,13 +370,22 @@ TEST_F(TlsTransport, RecordSplitAcrossSegmentsAndCloseNotifyFromThePeer) {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     sendRecords(3, recordSize);
     ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->reads.load() == 2; }));
+    // Three records in one segment, each exactly what one read takes: the channel reads
+    // ahead, so the second and third are held above a socket that has nothing more to show.
+    size_t sent = static_cast<size_t>(BIO_get_mem_data(records, &data));
+    for (char fill : {'a', 'b', 'c'}) {
+        ASSERT_EQ(SSL_write(ssl, std::string(64, fill).data(), 64), 64);
+    }
+    sendRecords(sent, static_cast<size_t>(BIO_get_mem_data(records, &data)));
+    ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->reads.load() == 5; }));
+    sent = static_cast<size_t>(BIO_get_mem_data(records, &data));
     // Data and close_notify in one segment: the data first, then onClose.
     ASSERT_EQ(SSL_write(ssl, "last", 4), 4);
     SSL_shutdown(ssl);
-    sendRecords(recordSize, static_cast<size_t>(BIO_get_mem_data(records, &data)));
+    sendRecords(sent, static_cast<size_t>(BIO_get_mem_data(records, &data)));
     ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->ended(); }));
     EXPECT_EQ(acceptor->handlers[0]->closes.load(), 1);
-    EXPECT_EQ(received, (std::vector<int>{0, 5, 4}));
+    EXPECT_EQ(received, (std::vector<int>{0, 5, 64, 64, 64, 4}));
     SSL_free(ssl);
     close(fd);
     server->close();

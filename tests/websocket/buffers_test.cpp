@@ -8,8 +8,10 @@
 
 #include "logcapture.h"
 #include "pattern.h"
+#include "websocket/framemask.h"
 #include "websocket/logoutputstream.h"
 #include "websocket/messagebuffer.h"
+#include "websocket/payloadpool.h"
 #include "websocket/ringbuf.h"
 
 namespace {
@@ -99,6 +101,42 @@ TEST(MessageBuffer, ReadCrossesMessageBoundaries) {
     EXPECT_TRUE(buffer.empty());
 }
 
+// Payload storage comes back empty and large enough, the pool stays bounded, and a message
+// read to its end gives its storage back for the next one.
+TEST(PayloadPool, ReusesBoundedStorage) {
+    using websocket::PayloadPool;
+    while (PayloadPool::keptOnThisThread() > 0) {
+        PayloadPool::take(0);
+    }
+    for (int i = 0; i < 6; ++i) {
+        PayloadPool::give(std::string(8192 + i, 'x'));
+    }
+    PayloadPool::give(std::string(16, 's'));
+    PayloadPool::give(std::string(PayloadPool::kMaxKeptCapacity + 1, 'l'));
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), PayloadPool::kMaxKeptStrings);
+    std::string small = PayloadPool::take(100);
+    EXPECT_TRUE(small.empty());
+    EXPECT_GE(small.capacity(), 8192u);
+    std::string large = PayloadPool::take(100000);
+    EXPECT_TRUE(large.empty());
+    EXPECT_GE(large.capacity(), 100000u);
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), PayloadPool::kMaxKeptStrings - 2);
+    while (PayloadPool::keptOnThisThread() > 0) {
+        PayloadPool::take(0);
+    }
+
+    websocket::MessageBuffer buffer;
+    std::string message = corvane_test::Pattern(10000);
+    const char * storage = message.data();
+    buffer.addMessage(std::move(message));
+    std::string out(10000, '\0');
+    EXPECT_EQ(buffer.recv(9999, &out[0]), 9999);
+    EXPECT_EQ(PayloadPool::keptOnThisThread(), 0u);
+    EXPECT_EQ(buffer.recv(10, &out[9999]), 1);
+    EXPECT_EQ(out, corvane_test::Pattern(10000));
+    EXPECT_EQ(PayloadPool::take(5000).data(), storage);
+}
+
 class ChunkReader : public net::IChannelHandler {
 public:
     explicit ChunkReader(int chunk, int stopAfter = -1) : m_chunk(chunk), m_stopAfter(stopAfter) {}
@@ -147,6 +185,35 @@ TEST(MessageBuffer, DeliverToRunsUntilTheHandlerStopsTaking) {
         std::string rest(buffer.size(), '\0');
         EXPECT_EQ(buffer.recv(static_cast<int>(rest.size()), &rest[0]), static_cast<int>(rest.size()));
         EXPECT_EQ(reader->received + rest, a + c);
+    }
+}
+
+// The word-wise masking against the engine's own byte loop, for payloads cut into pieces of
+// every length up to 19 (the key rotating from piece to piece), in place and copying, for the
+// key 0 of this system's client and for keys of other clients.
+TEST(FrameMask, MatchesTheEngineByteLoopPieceByPiece) {
+    const std::string input = corvane_test::Pattern(1000);
+    for (std::uint32_t key : {0u, 0x12345678u, 0xff00a5c3u, 0x000000ffu}) {
+        websocketpp::frame::masking_key_type masking;
+        masking.i = key;
+        for (std::size_t piece = 1; piece <= 19; ++piece) {
+            std::string expected = input, copied(input.size(), '\0'), inPlace = input;
+            std::size_t engineKey = websocketpp::frame::prepare_masking_key(masking);
+            std::size_t copyKey = engineKey, inPlaceKey = engineKey;
+            for (std::size_t at = 0; at < input.size(); at += piece) {
+                const std::size_t n = std::min(piece, input.size() - at);
+                auto * e = reinterpret_cast<std::uint8_t *>(&expected[at]);
+                engineKey = websocketpp::frame::byte_mask_circ(e, n, engineKey);
+                copyKey = websocket::MaskPayload(reinterpret_cast<const std::uint8_t *>(&input[at]),
+                                                 reinterpret_cast<std::uint8_t *>(&copied[at]), n, copyKey);
+                auto * p = reinterpret_cast<std::uint8_t *>(&inPlace[at]);
+                inPlaceKey = websocket::MaskPayload(p, p, n, inPlaceKey);
+                ASSERT_EQ(copyKey, engineKey) << "key " << key << ", piece " << piece << ", at " << at;
+                ASSERT_EQ(inPlaceKey, engineKey);
+            }
+            EXPECT_EQ(copied, expected) << "key " << key << ", piece " << piece;
+            EXPECT_EQ(inPlace, expected) << "key " << key << ", piece " << piece;
+        }
     }
 }
 
