@@ -1,10 +1,11 @@
 // scalebench: the two ends of bench/scale.sh, each one epoll thread.
 //   scalebench echo                 listens on a free loopback port, prints "port N", echoes
-//   scalebench client PORT N SECONDS PID
+//   scalebench client PORT N SECONDS PID[,PID...] [WARMUP]
 //       holds N connections to PORT, each sending 1 KiB per second (phases spread over the
-//       second) and reading its echo; after a 2 s warm-up measures for SECONDS and prints
-//       "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still open that got echoes in
-//       the window, echo delays, and the CPU share (of one core) and RSS of process PID.
+//       second) and reading its echo; after a warm-up of WARMUP seconds (2 by default) measures
+//       for SECONDS and prints "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still
+//       open that got echoes in the window, echo delays, and the CPU share (of one core) and
+//       RSS of the processes PID (summed).
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -121,6 +122,15 @@ struct Connection {
     bool inWindow = false;               // got an echo in the measured window
 };
 
+std::vector<int> parsePids(const char * text) {
+    std::vector<int> pids;
+    std::istringstream list(text);
+    for (std::string pid; std::getline(list, pid, ',');) {
+        pids.push_back(std::atoi(pid.c_str()));
+    }
+    return pids;
+}
+
 std::uint64_t cpuTicks(int pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
@@ -148,7 +158,23 @@ long rssKiB(int pid) {
     return 0;
 }
 
-int client(int port, int count, int seconds, int pid) {
+std::uint64_t cpuTicks(const std::vector<int> & pids) {
+    std::uint64_t ticks = 0;
+    for (int pid : pids) {
+        ticks += cpuTicks(pid);
+    }
+    return ticks;
+}
+
+long rssKiB(const std::vector<int> & pids) {
+    long rss = 0;
+    for (int pid : pids) {
+        rss += rssKiB(pid);
+    }
+    return rss;
+}
+
+int client(int port, int count, int seconds, const std::vector<int> & pid, int warmup) {
     raiseLimit();
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -157,7 +183,6 @@ int client(int port, int count, int seconds, int pid) {
     std::vector<Connection> connections(static_cast<std::size_t>(count));
     int epoll = epoll_create1(0);
     std::mt19937 random(12345);
-    const Clock::time_point begin = Clock::now();
     int one = 1;
     for (std::size_t i = 0; i < connections.size(); ++i) {
         Connection & c = connections[i];
@@ -185,7 +210,7 @@ int client(int port, int count, int seconds, int pid) {
     }
     std::sort(order.begin(), order.end(),
               [&](std::size_t a, std::size_t b) { return connections[a].nextSend < connections[b].nextSend; });
-    const Clock::time_point windowStart = start + std::chrono::seconds(2);
+    const Clock::time_point windowStart = start + std::chrono::seconds(warmup);
     const Clock::time_point windowEnd = windowStart + std::chrono::seconds(seconds);
     std::vector<double> delays;
     std::uint64_t ticksBefore = 0;
@@ -195,7 +220,6 @@ int client(int port, int count, int seconds, int pid) {
     char buffer[16384];
     std::vector<epoll_event> events(256);
     std::size_t cursor = 0;
-    (void)begin;
     for (;;) {
         Clock::time_point now = Clock::now();
         if (!windowOpen && now >= windowStart) {
@@ -278,9 +302,10 @@ int main(int argc, char ** argv) {
     if (argc == 2 && std::strcmp(argv[1], "echo") == 0) {
         return echoServer();
     }
-    if (argc == 6 && std::strcmp(argv[1], "client") == 0) {
-        return client(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]), std::atoi(argv[5]));
+    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "client") == 0) {
+        return client(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]), parsePids(argv[5]),
+                      argc == 7 ? std::atoi(argv[6]) : 2);
     }
-    std::fprintf(stderr, "usage: scalebench echo | scalebench client PORT N SECONDS PID\n");
+    std::fprintf(stderr, "usage: scalebench echo | scalebench client PORT N SECONDS PID[,PID...] [WARMUP]\n");
     return 2;
 }
