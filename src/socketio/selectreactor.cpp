@@ -84,7 +84,10 @@ void SelectReactor::wakeUp() {
 
 void SelectReactor::interestChanged(ISelectEventSubscriber * subscriber) {
     if (!onReactorThread()) {
-        wakeUp();
+        // Only this one is asked again: the others' masks are as the reactor knows them.
+        Common::ScopedLock guard(&m_lock);
+        m_foreignDirty.emplace_back(subscriber);
+        wakeUp_i();
         return;
     }
     m_dirty.emplace_back(subscriber);
@@ -183,6 +186,7 @@ void SelectReactor::stopProcessing() {
         }
         m_interest.clear();
         m_dirty.clear();
+        m_foreignDirty.clear();
         commands.swap(m_vectorCommand);
         failed.swap(m_vectorFailedSubscriber);
         subscribers.swap(m_vectorSelectEventSubscriber);
@@ -329,6 +333,7 @@ void SelectReactor::dropAllInterest() {
     }
     m_interest.clear();
     m_dirty.clear();
+    m_foreignDirty.clear();
 }
 
 void SelectReactor::syncInterest_i(ISelectEventSubscriber * subscriber, Interest & interest) {
@@ -505,6 +510,7 @@ void SelectReactor::ThreadMain() {
         }
         if (m_vectorSelectEventSubscriber.empty()) {
             m_dirty.clear();
+            m_foreignDirty.clear();
             m_conditionCommand.Wait();
             continue;
         }
@@ -512,17 +518,31 @@ void SelectReactor::ThreadMain() {
 
         // Bring the kernel's interest in line with the masks that may have changed.
         pending.clear();
-        if (m_bRereadAll.exchange(false) || lastReread == 0 || now - lastReread >= rereadPeriod) {
+        if (!m_foreignDirty.empty()) {
+            m_dirty.insert(m_dirty.end(), m_foreignDirty.begin(), m_foreignDirty.end());
+            m_foreignDirty.clear();
+        }
+        const bool rereadAll = m_bRereadAll.exchange(false) || lastReread == 0;
+        if (rereadAll || now - lastReread >= rereadPeriod) {
             lastReread = now;
-            m_dirty.clear();
+            // After the time-out only the masks that may have changed unannounced are asked,
+            // and the ones that may have changed since the last cycle.
             for (const auto & subscriber : m_vectorSelectEventSubscriber) {
+                if (!rereadAll && subscriber->interestAnnounced()) {
+                    continue;
+                }
                 Interest & interest = m_interest[subscriber.get()];
+                interest.round = m_round;
                 syncInterest_i(subscriber.get(), interest);
                 if (interest.pending || interest.closed) {
                     pending.push_back(subscriber.get());
                 }
             }
-        } else {
+            if (rereadAll) {
+                m_dirty.clear();
+            }
+        }
+        {
             // Pending ones were dispatched in the last cycle, so they are among these.
             SubscriberList dirty;
             dirty.swap(m_dirty);
