@@ -10,8 +10,8 @@
 #             per 350 connections)
 #   CORVANE_BEFORE  a second corvane binary (e.g. a build of the previous commit), measured first
 #             in the same run, with the ratios after/before
-#   SECONDS_MEASURED=10 after a warm-up of WARMUP seconds (default 2, plus 1 per 1000
-#             connections for their handshakes in wss mode)
+#   SECONDS_MEASURED=10 after a warm-up of 2 s that goes on until every connection has had
+#             its first echo, for at most WARMUP seconds (default 30; wss: 120, for the handshakes)
 #   REPEAT=1  rounds, the proxies taking turns in each; every figure is the median of the rounds
 #             (on a shared machine p99 swings with the load: compare medians of several rounds)
 set -euo pipefail
@@ -38,18 +38,22 @@ if [[ $MODE == tcp ]]; then
     fi
 fi
 # Each tcp tunnel connection takes two descriptors in the proxy; the client and the echo server
-# one each. A privileged run raises the hard limit too (it is often 4096 to 20000).
+# one each. A run that may raises the hard limit too (often 4096 to 20000; a container may
+# refuse: 10 000 connections need 20 100 or so).
 ulimit -Hn $((N * 2 + 4096)) 2>/dev/null || true
 ulimit -n "$(ulimit -Hn)"
+if (($(ulimit -n) < N * 2 + 100)); then
+    echo "scale.sh: the descriptor limit $(ulimit -n) holds fewer than $N proxied connections" >&2
+fi
 # One reactor thread per core, and at least one per 350 connections: a reactor holds 511 tunnel
 # connections and the kernel spreads them by hash (SO_REUSEPORT), not by load.
 cores=$(nproc)
 THREADS=${THREADS:-$((cores > (N + 349) / 350 ? cores : (N + 349) / 350))}
 if [[ $MODE == wss ]]; then
-    WARMUP=${WARMUP:-$((2 + N / 1000))}
+    WARMUP=${WARMUP:-120}
     make_certificates
 else
-    WARMUP=${WARMUP:-2}
+    WARMUP=${WARMUP:-30}
 fi
 
 "$SCALEBENCH" echo >"$work/echo" &
@@ -89,7 +93,7 @@ measure_haproxy() {
     haproxy_port=$(free_port)
     cat >"$work/haproxy.cfg" <<CFG
 global
-    maxconn $((N * 2 + 100))
+    maxconn $((N + 100 < ($(ulimit -n) - 100) / 2 ? N + 100 : ($(ulimit -n) - 100) / 2))
 defaults
     mode tcp
     timeout connect 5s
@@ -104,7 +108,12 @@ CFG
     "$HAPROXY" -db -f "$work/haproxy.cfg" >"$work/haproxy.out" 2>&1 &
     haproxy_pid=$!
     pids+=("$haproxy_pid")
-    wait_for accepting "$haproxy_port"
+    if ! wait_for accepting "$haproxy_port"; then
+        cat "$work/haproxy.out" >&2
+        use_haproxy=false
+        stop "$haproxy_pid"
+        return
+    fi
     rounds[haproxy]+="$("$SCALEBENCH" client "$haproxy_port" "$N" "$SECONDS_MEASURED" "$haproxy_pid" "$WARMUP")"$'\n'
     stop "$haproxy_pid"
 }

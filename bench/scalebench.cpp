@@ -2,8 +2,8 @@
 //   scalebench echo                 listens on a free loopback port, prints "port N", echoes
 //   scalebench client PORT N SECONDS PID[,PID...] [WARMUP]
 //       holds N connections to PORT, each sending 1 KiB per second (phases spread over the
-//       second) and reading its echo; after a warm-up of WARMUP seconds (2 by default) measures
-//       for SECONDS and prints "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still
+//       second) and reading its echo; after a warm-up (2 s, and on until every connection has
+//       had an echo, at most WARMUP s, 2 by default) measures for SECONDS and prints "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still
 //       open that got echoes in the window, echo delays, and the CPU share (of one core) and
 //       RSS of the processes PID (summed).
 #include <arpa/inet.h>
@@ -120,6 +120,7 @@ struct Connection {
     std::deque<Clock::time_point> sent;  // send times of messages whose echo is incomplete
     std::size_t received = 0;            // bytes of the echo of the oldest message
     bool inWindow = false;               // got an echo in the measured window
+    bool echoed = false;                 // got an echo at all
 };
 
 std::vector<int> parsePids(const char * text) {
@@ -210,8 +211,22 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
     }
     std::sort(order.begin(), order.end(),
               [&](std::size_t a, std::size_t b) { return connections[a].nextSend < connections[b].nextSend; });
-    const Clock::time_point windowStart = start + std::chrono::seconds(warmup);
-    const Clock::time_point windowEnd = windowStart + std::chrono::seconds(seconds);
+    // Connections through a proxy that makes a TLS handshake per connection may take a while
+    // to carry their first echo: the window waits for them, up to the longest warm-up.
+    const Clock::time_point shortestWarmup = start + std::chrono::seconds(std::min(2, warmup));
+    const Clock::time_point longestWarmup = start + std::chrono::seconds(warmup);
+    Clock::time_point windowEnd = longestWarmup + std::chrono::seconds(seconds);
+    std::size_t echoed = 0;
+    std::size_t open = 0;
+    for (const Connection & c : connections) {
+        open += c.fd >= 0 ? 1 : 0;
+    }
+    // A connection that ends before its first echo is not waited for.
+    auto drop = [&](Connection & c) {
+        close(c.fd);
+        c.fd = -1;
+        open -= c.echoed ? 0 : 1;
+    };
     std::vector<double> delays;
     std::uint64_t ticksBefore = 0;
     bool windowOpen = false;
@@ -222,8 +237,9 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
     std::size_t cursor = 0;
     for (;;) {
         Clock::time_point now = Clock::now();
-        if (!windowOpen && now >= windowStart) {
+        if (!windowOpen && now >= shortestWarmup && (echoed >= open || now >= longestWarmup)) {
             windowOpen = true;
+            windowEnd = now + std::chrono::seconds(seconds);
             ticksBefore = cpuTicks(pid);
         }
         if (now >= windowEnd) {
@@ -240,8 +256,7 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
             if (sent == static_cast<ssize_t>(sizeof message)) {
                 c.sent.push_back(now);
             } else if (sent < 0 && errno != EAGAIN) {
-                close(c.fd);
-                c.fd = -1;
+                drop(c);
             }  // a partial send would shift the message boundaries: not at 1 KiB/s on loopback
         }
         const auto wait = order.empty() ? std::chrono::milliseconds(10)
@@ -257,8 +272,7 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
             }
             ssize_t n = recv(c.fd, buffer, sizeof buffer, 0);
             if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
-                close(c.fd);
-                c.fd = -1;
+                drop(c);
                 continue;
             }
             for (std::size_t got = n > 0 ? static_cast<std::size_t>(n) : 0; got > 0 && !c.sent.empty();) {
@@ -266,6 +280,10 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
                 c.received += take;
                 got -= take;
                 if (c.received == kMessage) {
+                    if (!c.echoed) {
+                        c.echoed = true;
+                        ++echoed;
+                    }
                     if (windowOpen) {
                         delays.push_back(std::chrono::duration<double, std::milli>(now - c.sent.front()).count());
                         c.inWindow = true;
