@@ -76,8 +76,11 @@ measure() {
         corvane_tunnel front tcp://127.0.0.1:0 "tcp://127.0.0.1:$echo_port" --threads "$THREADS"
         measured=${pids[-1]}
     else
-        # A wss server given port 0 takes its scheme's default port: pick a free one here.
+        # A wss server given port 0 takes its scheme's default port: pick a free one here. The
+        # handshakes of N connections arrive at once; on a busy machine the last ones wait longer
+        # than the host's 10 s for their turn.
         corvane_tunnel back "wss://127.0.0.1:$(free_port)" "tcp://127.0.0.1:$echo_port" --threads "$THREADS" \
+            --handshake-timeout 120000 \
             --listen-options "CertificateFile=$work/cert.pem;PrivateKeyFile=$work/key.pem;NoCertify=true"
         measured=${pids[-1]}
         corvane_tunnel front tcp://127.0.0.1:0 "wss://localhost:$back" --threads "$THREADS" \

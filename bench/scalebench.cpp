@@ -229,6 +229,7 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
     };
     std::vector<double> delays;
     std::uint64_t ticksBefore = 0;
+    Clock::time_point windowOpened;
     bool windowOpen = false;
     char message[kMessage];
     std::memset(message, 'x', sizeof message);
@@ -241,6 +242,7 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
             windowOpen = true;
             windowEnd = now + std::chrono::seconds(seconds);
             ticksBefore = cpuTicks(pid);
+            windowOpened = now;
         }
         if (now >= windowEnd) {
             break;
@@ -295,6 +297,8 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
         }
     }
     const std::uint64_t ticks = cpuTicks(pid) - ticksBefore;
+    // A client that falls behind (a saturated machine) stays longer than SECONDS in the window.
+    const double window = windowOpen ? std::chrono::duration<double>(Clock::now() - windowOpened).count() : seconds;
     const long rss = rssKiB(pid);
     int kept = 0;
     for (const Connection & c : connections) {
@@ -304,7 +308,7 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
     auto percentile = [&](double p) {
         return delays.empty() ? 0.0 : delays[std::min(delays.size() - 1, static_cast<std::size_t>(p * delays.size()))];
     };
-    const double cpu = 100.0 * static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK)) / seconds;
+    const double cpu = 100.0 * static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK)) / window;
     std::printf("kept %d p50 %.3f p99 %.3f cpu %.1f rss %ld\n", kept, percentile(0.5), percentile(0.99), cpu, rss);
     for (Connection & c : connections) {
         if (c.fd >= 0) {
