@@ -2,7 +2,7 @@
 //   scalebench echo                 listens on a free loopback port, prints "port N", echoes
 //   scalebench client PORT N SECONDS PID[,PID...] [WARMUP]
 //       holds N connections to PORT, each sending 1 KiB per second (phases spread over the
-//       second) and reading its echo; after a warm-up (2 s, and on until every connection has
+//       second; none while two of its messages wait for their echo) and reading its echo; after a warm-up (2 s, and on until every connection has
 //       had an echo, at most WARMUP s, 2 by default) measures for SECONDS and prints "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still
 //       open that got echoes in the window, echo delays, and the CPU share (of one core) and
 //       RSS of the processes PID (summed).
@@ -247,11 +247,15 @@ int client(int port, int count, int seconds, const std::vector<int> & pid, int w
         if (now >= windowEnd) {
             break;
         }
-        while (!order.empty() && connections[order[cursor]].nextSend <= now) {
+        for (std::size_t served = 0; served < order.size() && connections[order[cursor]].nextSend <= now; ++served) {
             Connection & c = connections[order[cursor]];
-            c.nextSend += std::chrono::seconds(1);
+            // A client that fell behind (a saturated machine) skips the seconds it missed and
+            // keeps its phase, so the order of the cursor holds: no burst of old messages.
+            c.nextSend += std::chrono::duration_cast<std::chrono::seconds>(now - c.nextSend) + std::chrono::seconds(1);
             cursor = (cursor + 1) % order.size();
-            if (c.fd < 0) {
+            // Two messages without their echo: a proxy that has not joined the connection yet,
+            // or that fell behind, is not buried under more.
+            if (c.fd < 0 || c.sent.size() >= 2) {
                 continue;
             }
             ssize_t sent = send(c.fd, message, sizeof message, MSG_NOSIGNAL);
