@@ -1,10 +1,11 @@
 // scalebench: the two ends of bench/scale.sh, each one epoll thread.
 //   scalebench echo                 listens on a free loopback port, prints "port N", echoes
-//   scalebench client PORT N SECONDS PID
+//   scalebench client PORT N SECONDS PID[,PID...] [WARMUP]
 //       holds N connections to PORT, each sending 1 KiB per second (phases spread over the
-//       second) and reading its echo; after a 2 s warm-up measures for SECONDS and prints
-//       "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still open that got echoes in
-//       the window, echo delays, and the CPU share (of one core) and RSS of process PID.
+//       second; none while two of its messages wait for their echo) and reading its echo; after a warm-up (2 s, and on until every connection has
+//       had an echo, at most WARMUP s, 2 by default) measures for SECONDS and prints "kept K p50 MS p99 MS cpu PERCENT rss KIB": connections still
+//       open that got echoes in the window, echo delays, and the CPU share (of one core) and
+//       RSS of the processes PID (summed).
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -119,7 +120,17 @@ struct Connection {
     std::deque<Clock::time_point> sent;  // send times of messages whose echo is incomplete
     std::size_t received = 0;            // bytes of the echo of the oldest message
     bool inWindow = false;               // got an echo in the measured window
+    bool echoed = false;                 // got an echo at all
 };
+
+std::vector<int> parsePids(const char * text) {
+    std::vector<int> pids;
+    std::istringstream list(text);
+    for (std::string pid; std::getline(list, pid, ',');) {
+        pids.push_back(std::atoi(pid.c_str()));
+    }
+    return pids;
+}
 
 std::uint64_t cpuTicks(int pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -148,7 +159,23 @@ long rssKiB(int pid) {
     return 0;
 }
 
-int client(int port, int count, int seconds, int pid) {
+std::uint64_t cpuTicks(const std::vector<int> & pids) {
+    std::uint64_t ticks = 0;
+    for (int pid : pids) {
+        ticks += cpuTicks(pid);
+    }
+    return ticks;
+}
+
+long rssKiB(const std::vector<int> & pids) {
+    long rss = 0;
+    for (int pid : pids) {
+        rss += rssKiB(pid);
+    }
+    return rss;
+}
+
+int client(int port, int count, int seconds, const std::vector<int> & pid, int warmup) {
     raiseLimit();
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -157,7 +184,6 @@ int client(int port, int count, int seconds, int pid) {
     std::vector<Connection> connections(static_cast<std::size_t>(count));
     int epoll = epoll_create1(0);
     std::mt19937 random(12345);
-    const Clock::time_point begin = Clock::now();
     int one = 1;
     for (std::size_t i = 0; i < connections.size(); ++i) {
         Connection & c = connections[i];
@@ -185,39 +211,58 @@ int client(int port, int count, int seconds, int pid) {
     }
     std::sort(order.begin(), order.end(),
               [&](std::size_t a, std::size_t b) { return connections[a].nextSend < connections[b].nextSend; });
-    const Clock::time_point windowStart = start + std::chrono::seconds(2);
-    const Clock::time_point windowEnd = windowStart + std::chrono::seconds(seconds);
+    // Connections through a proxy that makes a TLS handshake per connection may take a while
+    // to carry their first echo: the window waits for them, up to the longest warm-up.
+    const Clock::time_point shortestWarmup = start + std::chrono::seconds(std::min(2, warmup));
+    const Clock::time_point longestWarmup = start + std::chrono::seconds(warmup);
+    Clock::time_point windowEnd = longestWarmup + std::chrono::seconds(seconds);
+    std::size_t echoed = 0;
+    std::size_t open = 0;
+    for (const Connection & c : connections) {
+        open += c.fd >= 0 ? 1 : 0;
+    }
+    // A connection that ends before its first echo is not waited for.
+    auto drop = [&](Connection & c) {
+        close(c.fd);
+        c.fd = -1;
+        open -= c.echoed ? 0 : 1;
+    };
     std::vector<double> delays;
     std::uint64_t ticksBefore = 0;
+    Clock::time_point windowOpened;
     bool windowOpen = false;
     char message[kMessage];
     std::memset(message, 'x', sizeof message);
     char buffer[16384];
     std::vector<epoll_event> events(256);
     std::size_t cursor = 0;
-    (void)begin;
     for (;;) {
         Clock::time_point now = Clock::now();
-        if (!windowOpen && now >= windowStart) {
+        if (!windowOpen && now >= shortestWarmup && (echoed >= open || now >= longestWarmup)) {
             windowOpen = true;
+            windowEnd = now + std::chrono::seconds(seconds);
             ticksBefore = cpuTicks(pid);
+            windowOpened = now;
         }
         if (now >= windowEnd) {
             break;
         }
-        while (!order.empty() && connections[order[cursor]].nextSend <= now) {
+        for (std::size_t served = 0; served < order.size() && connections[order[cursor]].nextSend <= now; ++served) {
             Connection & c = connections[order[cursor]];
-            c.nextSend += std::chrono::seconds(1);
+            // A client that fell behind (a saturated machine) skips the seconds it missed and
+            // keeps its phase, so the order of the cursor holds: no burst of old messages.
+            c.nextSend += std::chrono::duration_cast<std::chrono::seconds>(now - c.nextSend) + std::chrono::seconds(1);
             cursor = (cursor + 1) % order.size();
-            if (c.fd < 0) {
+            // Two messages without their echo: a proxy that has not joined the connection yet,
+            // or that fell behind, is not buried under more.
+            if (c.fd < 0 || c.sent.size() >= 2) {
                 continue;
             }
             ssize_t sent = send(c.fd, message, sizeof message, MSG_NOSIGNAL);
             if (sent == static_cast<ssize_t>(sizeof message)) {
                 c.sent.push_back(now);
             } else if (sent < 0 && errno != EAGAIN) {
-                close(c.fd);
-                c.fd = -1;
+                drop(c);
             }  // a partial send would shift the message boundaries: not at 1 KiB/s on loopback
         }
         const auto wait = order.empty() ? std::chrono::milliseconds(10)
@@ -233,8 +278,7 @@ int client(int port, int count, int seconds, int pid) {
             }
             ssize_t n = recv(c.fd, buffer, sizeof buffer, 0);
             if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
-                close(c.fd);
-                c.fd = -1;
+                drop(c);
                 continue;
             }
             for (std::size_t got = n > 0 ? static_cast<std::size_t>(n) : 0; got > 0 && !c.sent.empty();) {
@@ -242,6 +286,10 @@ int client(int port, int count, int seconds, int pid) {
                 c.received += take;
                 got -= take;
                 if (c.received == kMessage) {
+                    if (!c.echoed) {
+                        c.echoed = true;
+                        ++echoed;
+                    }
                     if (windowOpen) {
                         delays.push_back(std::chrono::duration<double, std::milli>(now - c.sent.front()).count());
                         c.inWindow = true;
@@ -253,6 +301,8 @@ int client(int port, int count, int seconds, int pid) {
         }
     }
     const std::uint64_t ticks = cpuTicks(pid) - ticksBefore;
+    // A client that falls behind (a saturated machine) stays longer than SECONDS in the window.
+    const double window = windowOpen ? std::chrono::duration<double>(Clock::now() - windowOpened).count() : seconds;
     const long rss = rssKiB(pid);
     int kept = 0;
     for (const Connection & c : connections) {
@@ -262,7 +312,7 @@ int client(int port, int count, int seconds, int pid) {
     auto percentile = [&](double p) {
         return delays.empty() ? 0.0 : delays[std::min(delays.size() - 1, static_cast<std::size_t>(p * delays.size()))];
     };
-    const double cpu = 100.0 * static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK)) / seconds;
+    const double cpu = 100.0 * static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK)) / window;
     std::printf("kept %d p50 %.3f p99 %.3f cpu %.1f rss %ld\n", kept, percentile(0.5), percentile(0.99), cpu, rss);
     for (Connection & c : connections) {
         if (c.fd >= 0) {
@@ -278,9 +328,10 @@ int main(int argc, char ** argv) {
     if (argc == 2 && std::strcmp(argv[1], "echo") == 0) {
         return echoServer();
     }
-    if (argc == 6 && std::strcmp(argv[1], "client") == 0) {
-        return client(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]), std::atoi(argv[5]));
+    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "client") == 0) {
+        return client(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]), parsePids(argv[5]),
+                      argc == 7 ? std::atoi(argv[6]) : 2);
     }
-    std::fprintf(stderr, "usage: scalebench echo | scalebench client PORT N SECONDS PID\n");
+    std::fprintf(stderr, "usage: scalebench echo | scalebench client PORT N SECONDS PID[,PID...] [WARMUP]\n");
     return 2;
 }

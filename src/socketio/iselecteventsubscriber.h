@@ -37,6 +37,18 @@ public:
     virtual void setReactor(SelectReactor * reactor, const std::uint64_t & now) = 0;
     // The tick of the latest onEvents or setReactor; 0 exempts it from the dead-socket sweep.
     virtual std::uint64_t getLastEventTime() const = 0;
+    // Any thread: true while every change of this subscriber's mask is made on the reactor
+    // thread or followed by interestChanged or wakeUp. The reactor then leaves it out of its
+    // re-asking of every mask once per wait time-out, which serves the others.
+    virtual bool interestAnnounced() const { return false; }
+};
+
+// Implemented by the library's own channel handlers whose wishes (hasPendingWrite, wantsRead)
+// change only on their channel's reactor thread, or elsewhere followed by interestChanged or
+// wakeUp (a tunnel end point): a channel with such a handler answers interestAnnounced.
+class IAnnouncedInterest {
+protected:
+    ~IAnnouncedInterest() = default;
 };
 
 // The invalid socket handle: all bits set.

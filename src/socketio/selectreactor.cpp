@@ -85,15 +85,14 @@ void SelectReactor::wakeUp() {
 }
 
 void SelectReactor::interestChanged(ISelectEventSubscriber * subscriber) {
-    if (onReactorThread()) {
-        m_dirty.emplace_back(subscriber);
+    if (!onReactorThread()) {
+        // Only this one is asked again: the others' masks are as the reactor knows them.
+        Common::ScopedLock guard(&m_lock);
+        m_foreignDirty.emplace_back(subscriber);
+        wakeUp_i();
         return;
     }
-    // From another thread only that one mask is asked for again, not every mask as after a
-    // plain wakeUp: a tunnel's worker names each new connection's channel this way.
-    Common::ScopedLock guard(&m_lock);
-    m_foreignDirty.emplace_back(subscriber);
-    wakeUp_i();
+    m_dirty.emplace_back(subscriber);
 }
 
 void SelectReactor::wakeUp_i() {
@@ -338,6 +337,7 @@ void SelectReactor::dropAllInterest() {
     }
     m_interest.clear();
     m_dirty.clear();
+    m_foreignDirty.clear();
 }
 
 void SelectReactor::syncInterest_i(ISelectEventSubscriber * subscriber, Interest & interest) {
@@ -506,10 +506,6 @@ void SelectReactor::ThreadMain() {
     while (m_bRunning) {
         // Their posters are woken once this thread lets go of the lock (they need it to return).
         const bool carriedOut = processCommands_i();
-        for (auto & subscriber : m_foreignDirty) {
-            m_dirty.push_back(std::move(subscriber));
-        }
-        m_foreignDirty.clear();
         const std::uint64_t now = Common::GetTickCount64();
         if (sweepEnabled) {
             if (lastSweep == 0 || now - lastSweep >= sweepPeriod) {
@@ -522,6 +518,7 @@ void SelectReactor::ThreadMain() {
             if (carriedOut) {
                 m_conditionDone.Broadcast();
             }
+            m_foreignDirty.clear();
             m_conditionCommand.Wait();
             continue;
         }
@@ -529,17 +526,31 @@ void SelectReactor::ThreadMain() {
 
         // Bring the kernel's interest in line with the masks that may have changed.
         pending.clear();
-        if (m_bRereadAll.exchange(false) || lastReread == 0 || now - lastReread >= rereadPeriod) {
+        if (!m_foreignDirty.empty()) {
+            m_dirty.insert(m_dirty.end(), m_foreignDirty.begin(), m_foreignDirty.end());
+            m_foreignDirty.clear();
+        }
+        const bool rereadAll = m_bRereadAll.exchange(false) || lastReread == 0;
+        if (rereadAll || now - lastReread >= rereadPeriod) {
             lastReread = now;
-            m_dirty.clear();
+            // After the time-out only the masks that may have changed unannounced are asked,
+            // and the ones that may have changed since the last cycle.
             for (const auto & subscriber : m_vectorSelectEventSubscriber) {
+                if (!rereadAll && subscriber->interestAnnounced()) {
+                    continue;
+                }
                 Interest & interest = m_interest[subscriber.get()];
+                interest.round = m_round;
                 syncInterest_i(subscriber.get(), interest);
                 if (interest.pending || interest.closed) {
                     pending.push_back(subscriber.get());
                 }
             }
-        } else {
+            if (rereadAll) {
+                m_dirty.clear();
+            }
+        }
+        {
             // Pending ones were dispatched in the last cycle, so they are among these.
             SubscriberList dirty;
             dirty.swap(m_dirty);

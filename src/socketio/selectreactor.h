@@ -12,8 +12,9 @@
 // - a subscriber that had events: before its dispatch and in the cycle after it;
 // - a subscriber named by interestChanged (e.g. a tunnel end point whose ring changed the
 //   other end's wish to read or write), or one newly taken in;
-// - every subscriber after wakeUp, and at least once per wait time-out: a host thread that
-//   changes a mask without a wake-up is seen as soon as a full wait would have seen it.
+// - every subscriber after wakeUp, and at least once per wait time-out every subscriber
+//   whose mask a host thread may change without a wake-up (all but those that answer
+//   interestAnnounced): that change is seen as soon as a full wait would have seen it.
 // A mask with SELECT_EVENT_PENDING makes the next wait return at once.
 //
 // The lifetime rule of every channel and server, whatever its transport:
@@ -72,9 +73,9 @@ public:
     // wait at once, so that the next cycle asks every subscriber for its mask again. For a
     // subscriber whose interest changed on another thread.
     void wakeUp();
-    // Any thread: the mask of `subscriber` may have changed. On the reactor thread it is asked
-    // again before the next wait (cheap: no lock, no system call); elsewhere it ends a running
-    // wait as wakeUp does, but only this mask is asked for again. Not from getEventMask.
+    // Any thread: the mask of `subscriber` may have changed. It is asked again before the
+    // next wait (on the reactor thread cheap: no lock, no system call; elsewhere the running
+    // wait ends, as with wakeUp, but the other masks are not asked). Not from getEventMask.
     void interestChanged(ISelectEventSubscriber * subscriber);
 
     // Any thread: whether the caller is this reactor's thread. A subscriber must not wait for
@@ -191,7 +192,8 @@ private:
     // Reactor thread only (it changes them, with or without m_lock).
     std::unordered_map<ISelectEventSubscriber *, Interest> m_interest;
     SubscriberList m_dirty;  // masks to ask for again before the next wait
-    SubscriberList m_foreignDirty;  // the same, named by other threads; under m_lock
+    // Named by interestChanged on other threads; moved to m_dirty before the next wait.
+    SubscriberList m_foreignDirty;  // GUARDED_BY(m_lock)
     std::uint64_t m_round;
     // Set by wakeUp: every mask is asked for again before the next wait.
     std::atomic<bool> m_bRereadAll;

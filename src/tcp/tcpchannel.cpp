@@ -69,6 +69,7 @@ void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
     m_channelHandler = handler;
     m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
     m_readEnd = dynamic_cast<socketio::IReadEnd *>(handler);
+    m_interestAnnounced.store(dynamic_cast<socketio::IAnnouncedInterest *>(handler) != nullptr);
 }
 
 short TCPChannel::getEventMask() noexcept {

@@ -60,6 +60,7 @@ public:
     socketio::SelectReactor * getReactor() const override { return m_reactor.get(); }
     void setReactor(socketio::SelectReactor * reactor, const std::uint64_t & now) override;
     std::uint64_t getLastEventTime() const override { return m_lastEventTime; }
+    bool interestAnnounced() const override { return m_interestAnnounced.load(); }
 
     // The socket's recv, result as it stands: negative also when no data is waiting.
     int recv(int length, void * buffer) override;
@@ -83,6 +84,8 @@ private:
     socketio::IReadInterest * m_readInterest;
     // The handler's half-close face, if it has one; found when the handler is set.
     socketio::IReadEnd * m_readEnd;
+    // Whether the handler is one that announces its changes of wishes (set with the handler).
+    std::atomic<bool> m_interestAnnounced{false};
     // Reactor thread only: the peer's FIN was read and the handler kept the channel for
     // writing. No read events any more: poll would report the end again and again.
     bool m_readEnded;

@@ -16,13 +16,17 @@
 #include "common/lock.h"
 #include "corvane/channel.h"
 #include "socketio/halfclose.h"
+#include "socketio/iselecteventsubscriber.h"
 #include "socketio/readinterest.h"
 
 namespace net {
 
 class TunnelStore;
 
-class TunnelEndPoint : public IChannelHandler, public socketio::IReadInterest, public socketio::IReadEnd {
+class TunnelEndPoint : public IChannelHandler,
+                       public socketio::IReadInterest,
+                       public socketio::IReadEnd,
+                       public socketio::IAnnouncedInterest {
 public:
     // One per tunnel, shared by both end points: it guards both rings, both peer pointers,
     // both channel references and both closed flags, so that no peer is ever half gone.

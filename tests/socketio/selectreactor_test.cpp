@@ -75,6 +75,7 @@ public:
         (reactor != nullptr ? added : removed)++;
     }
     std::uint64_t getLastEventTime() const override { return exemptFromSweep ? 0 : m_last.load(); }
+    bool interestAnnounced() const override { return announced; }
 
     std::atomic<int> eventCount{0};
     std::atomic<short> lastEvents{0};
@@ -84,6 +85,7 @@ public:
     std::atomic<int> added{0};
     std::atomic<int> removed{0};
     bool exemptFromSweep = false;
+    bool announced = false;  // set before registration
     std::function<void(short)> onEvent;  // set before registration
 
 private:
@@ -308,24 +310,27 @@ TEST(SelectReactor, PendingOnlySubscriberIsServedWithoutWaitingForTheTimeout) {
 }
 
 // The reactor asks a mask again only where it may have changed: after a wake-up, for a
-// subscriber named by interestChanged on the reactor thread, and at the latest after one
-// time-out for a change that nobody announced.
+// subscriber named by interestChanged (on the reactor thread or another), and at the latest
+// after one time-out for a change that nobody announced, unless the subscriber announces all
+// of its changes.
 TEST(SelectReactor, ChangedMasksAreSeenWhenAnnouncedAndAfterOneTimeoutOtherwise) {
     Common::SmartPtr<SelectReactor> reactor(new SelectReactor(5000, 300000, 1000));
     reactor->startProcessing();
-    SocketPair first, second, third;
+    SocketPair first, second, third, fourth;
     Common::SmartPtr<Recorder> host(new Recorder(first.giveAway(), 0));
     Common::SmartPtr<Recorder> named(new Recorder(second.giveAway(), 0));
     Common::SmartPtr<Recorder> silent(new Recorder(third.giveAway(), 0));
+    Common::SmartPtr<Recorder> announcing(new Recorder(fourth.giveAway(), 0));
+    announcing->announced = true;
     // The first one's read turns the second one's interest on, as a tunnel end point's ring does.
     host->onEvent = [&](short) {
         named->setMask(socketio::SELECT_EVENT_READ);
         reactor->interestChanged(named.get());
     };
-    for (auto * subscriber : {host.get(), named.get(), silent.get()}) {
+    for (auto * subscriber : {host.get(), named.get(), silent.get(), announcing.get()}) {
         reactor->registerSubscriber(subscriber);
     }
-    for (int fd : {first.peer(), second.peer(), third.peer()}) {
+    for (int fd : {first.peer(), second.peer(), third.peer(), fourth.peer()}) {
         ASSERT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -337,10 +342,17 @@ TEST(SelectReactor, ChangedMasksAreSeenWhenAnnouncedAndAfterOneTimeoutOtherwise)
     EXPECT_TRUE(waitFor([&] { return named->bytes.load() == 1; }, 300)) << "named on the reactor thread";
     const auto changed = std::chrono::steady_clock::now();
     silent->setMask(socketio::SELECT_EVENT_READ);
+    announcing->setMask(socketio::SELECT_EVENT_READ);
     EXPECT_TRUE(waitFor([&] { return silent->bytes.load() == 1; }, 2500)) << "unannounced";
     EXPECT_LT(std::chrono::steady_clock::now() - changed, std::chrono::milliseconds(2200));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_EQ(announcing->eventCount.load(), 0) << "left to its own announcement";
+    const auto namedElsewhere = std::chrono::steady_clock::now();
+    reactor->interestChanged(announcing.get());
+    EXPECT_TRUE(waitFor([&] { return announcing->bytes.load() == 1; }, 300)) << "named on another thread";
+    EXPECT_LT(std::chrono::steady_clock::now() - namedElsewhere, std::chrono::milliseconds(500));
     reactor->stopProcessing();
-    for (auto * subscriber : {host.get(), named.get(), silent.get()}) {
+    for (auto * subscriber : {host.get(), named.get(), silent.get(), announcing.get()}) {
         socketio::SocketClose(subscriber->getSocket());
     }
 }
