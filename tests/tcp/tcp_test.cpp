@@ -164,68 +164,6 @@ TEST_F(TcpTransport, CloseInsideOnReadStillDeliversOnWriteWhoseSendFails) {
     EXPECT_EQ(client->closes.load() + client->errors.load(), 0);
 }
 
-TEST_F(TcpTransport, RefusingOrThrowingAcceptorEndsOnlyThatConnection) {
-    corvane_test::LogCapture log("ERROR");
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    acceptor->answers = {TestAcceptor::Answer::Refuse, TestAcceptor::Answer::Throw};
-    char byte;
-    for (int i = 0; i < 2; ++i) {
-        int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-        EXPECT_LE(recv(fd, &byte, 1, 0), 0) << "connection " << i << " is closed by the server";
-        close(fd);
-    }
-    EXPECT_EQ(log.count("corvane.tcp.TCPChannelServer", "ERROR", "accept failed due to exception: 'acceptor says no'"), 1u);
-    int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-    EXPECT_EQ(rawExchange(fd, "still served"), "still served");
-    close(fd);
-    ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->closes.load() == 1; }));
-    server->close();
-}
-
-TEST_F(TcpTransport, BurstOfConnectionsIsServedInFull) {
-    Common::SmartPtr<net::IChannelServer> server = startServer("tcp://:0");
-    EXPECT_EQ(net::URI::FromString(server->getLocalURI()).getHost(), "::");
-    constexpr int clients = 40;
-    std::vector<std::thread> threads;
-    std::atomic<int> echoed{0};
-    for (int i = 0; i < clients; ++i) {
-        threads.emplace_back([&, i] {
-            int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-            std::string message = "client " + std::to_string(i);
-            if (rawExchange(fd, message) == message) {
-                ++echoed;
-            }
-            close(fd);
-        });
-    }
-    for (auto & thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(echoed.load(), clients);
-    ASSERT_TRUE(waitFor([&] {
-        for (auto & handler : acceptor->handlers) {
-            if (!handler->ended()) {
-                return false;
-            }
-        }
-        return acceptor->accepted() == clients;
-    }));
-    server->close();
-}
-
-TEST_F(TcpTransport, SilentChannelIsSweptWithOnError) {
-    reactor->stopProcessing();
-    reactor = new socketio::SelectReactor(40, 200, 20);
-    reactor->startProcessing();
-    corvane_test::EchoServer silentPeer(true);
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    std::string uri = "tcp://127.0.0.1:" + std::to_string(silentPeer.port());
-    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-    ASSERT_TRUE(waitFor([&] { return client->errors.load() == 1; }, 3000));
-    EXPECT_EQ(client->closes.load(), 0);
-    channel->close();
-}
-
 // At the descriptor limit a listening socket stays readable while accept fails: the server must
 // neither spin nor flood the log, and must serve again once descriptors are free.
 TEST_F(TcpTransport, DescriptorLimitOnAcceptCostsNoBusyLoopAndServesAgainAfterwards) {
