@@ -1,6 +1,6 @@
 // Tunnels between any two of the six schemes: for each (listen, target) pair a tunnel in
 // front of an echo server of the target's scheme carries 1 MiB both ways at once for a client
-// that speaks the listen scheme, and leaves no descriptor open behind it. Chains of tunnels
+// that speaks the listen scheme, beside a second connection opened at once, and leaves no descriptor open behind it. Chains of tunnels
 // (raw tcp -> listen -> target -> raw tcp) show what each pair does with the ends of a
 // connection: a target that sends and closes at once, and a client that half-closes.
 #include <fcntl.h>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "expect.h"
+#include "pattern.h"
 #include "framework/channelfactory.h"
 #include "recordinghandler.h"
 #include "sockets.h"
@@ -49,11 +50,7 @@ std::string uriOn(const std::string & scheme) {
 }
 
 std::string pattern(std::size_t length, unsigned seed) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 131 + seed + (i >> 11)) & 255);
-    }
-    return data;
+    return corvane_test::Pattern(length, std::uint64_t{seed} << 32);
 }
 
 TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
@@ -81,6 +78,13 @@ TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
             Common::SmartPtr<net::IChannel> client(
                 factory->openChannel(reactor.get(), listenUri.c_str(), handler.get(), clientOptions().c_str()));
             ASSERT_TRUE(client);
+            // A second connection at once: a tunnel keys its end points by their channels' names,
+            // which an accepted channel must have before the tunnel sees it.
+            Common::SmartPtr<corvane_test::RecordingHandler> second(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> secondClient(
+                factory->openChannel(reactor.get(), listenUri.c_str(), second.get(), clientOptions().c_str()));
+            second->queue("second");
+            reactor->wakeUp();
             // Written from this thread while the echo comes back on the reactor's.
             const std::string data = pattern(kBytes, ++seed);
             std::size_t sent = 0;
@@ -94,13 +98,16 @@ TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
                 20000));
             EXPECT_TRUE(waitFor([&] { return handler->receivedSize() >= kBytes; }, 20000)) << handler->receivedSize();
             EXPECT_TRUE(handler->received() == data);
+            EXPECT_TRUE(waitFor([&] { return second->received() == "second"; })) << second->received();
 
             client->close();
+            secondClient->close();
             tunnel->close();
             echo->close();
             // The tunnel's outgoing connection ends with it.
-            EXPECT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }))
-                << "the target's connection did not end";
+            EXPECT_TRUE(waitFor([&] {
+                return acceptor->accepted() == 2 && acceptor->handlers[0]->ended() && acceptor->handlers[1]->ended();
+            })) << "the target's connections did not end";
             for (const auto & channel : acceptor->channels) {
                 channel->close();
             }
@@ -111,47 +118,6 @@ TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
     store->shutdown();
     EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= descriptors; }, 10000))
         << corvane_test::CountOpenDescriptors() << " open, " << descriptors << " before";
-    reactor->stopProcessing();
-}
-
-// A tunnel keys its end points by their channels' names: an accepted WebSocket channel must
-// have its names before the tunnel sees it, or the second connection at once is refused.
-TEST(TunnelMatrix, WebSocketListenersCarrySeveralConnectionsAtOnce) {
-    Common::SmartPtr<socketio::SelectReactor> reactor(new socketio::SelectReactor(1000, 600000, 50));
-    reactor->startProcessing();
-    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
-    Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
-    const std::string targetUri = uriOn("tcp");
-    Common::SmartPtr<net::IChannelServer> echo(
-        factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), ""));
-    for (const std::string listen : {"ws", "wss"}) {
-        SCOPED_TRACE(listen);
-        const std::string listenUri = uriOn(listen);
-        Common::SmartPtr<net::ITunnelService> tunnel(store->startTunnel(
-            listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
-        std::vector<Common::SmartPtr<corvane_test::RecordingHandler>> handlers;
-        std::vector<Common::SmartPtr<net::IChannel>> clients;
-        for (int i = 0; i < 3; ++i) {
-            handlers.emplace_back(new corvane_test::RecordingHandler);
-            clients.emplace_back(
-                factory->openChannel(reactor.get(), listenUri.c_str(), handlers.back().get(), clientOptions().c_str()));
-        }
-        for (int i = 0; i < 3; ++i) {
-            handlers[i]->queue("connection " + std::to_string(i));
-        }
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_TRUE(waitFor([&] { return handlers[i]->received() == "connection " + std::to_string(i); }))
-                << i << ": " << handlers[i]->received();
-            clients[i]->close();
-        }
-        tunnel->close();
-    }
-    store->shutdown();
-    echo->close();
-    for (const auto & channel : acceptor->channels) {
-        channel->close();
-    }
     reactor->stopProcessing();
 }
 
@@ -205,17 +171,7 @@ bool pumpUntilEnd(int fd) {
 }
 
 std::string exchange(int fd, const std::string & text) {
-    send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-    std::string back(text.size(), '\0');
-    std::size_t got = 0;
-    while (got < back.size()) {
-        ssize_t n = recv(fd, &back[got], back.size() - got, 0);
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<std::size_t>(n);
-    }
-    return back.substr(0, got);
+    return corvane_test::SendAll(fd, text) ? corvane_test::RecvExact(fd, text.size()) : "";
 }
 
 // The target resets while the tunnel forwards to it: the failed send on the reactor thread
