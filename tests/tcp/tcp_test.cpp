@@ -23,7 +23,6 @@
 #include "logcapture.h"
 #include "pattern.h"
 #include "recordinghandler.h"
-#include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
 #include "sockets.h"
 #include "testacceptor.h"
@@ -95,33 +94,6 @@ TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {
     // Linger is on by default: the close resets, and the server's channel sees an error.
     ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->errors.load() == 1; }));
     server->close();
-    server->close();
-}
-
-// A handler that can take nothing more says so; the channel then stops asking for reads, and
-// the reactor does not wake for the bytes that wait in the socket.
-class StallingHandler : public RecordingHandler, public socketio::IReadInterest {
-public:
-    bool wantsRead() override { return !stalled.load(); }
-    std::atomic<bool> stalled{true};
-};
-
-TEST_F(TcpTransport, HandlerWithoutRoomIsNotWokenForReadsUntilItHasRoom) {
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    Common::SmartPtr<StallingHandler> client(new StallingHandler);
-    std::string uri = "tcp://127.0.0.1:" + std::to_string(portOf(server.get()));
-    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-    const std::string data = Pattern(100000);
-    client->queue(data);  // echoed back while the client reads nothing
-    ASSERT_TRUE(waitFor([&] { return client->writes.load() > 0 && !client->hasPendingWrite(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(client->reads.load(), 0) << "woken for reads it cannot take";
-
-    client->stalled = false;
-    reactor->wakeUp();
-    ASSERT_TRUE(waitFor([&] { return client->receivedSize() >= data.size(); }));
-    EXPECT_TRUE(client->received() == data);
-    channel->close();
     server->close();
 }
 
