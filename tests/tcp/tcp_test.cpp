@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "corvane/uri.h"
+#include "channeltest.h"
 #include "echoserver.h"
 #include "framework/channelfactory.h"
 #include "expect.h"
@@ -37,22 +38,12 @@ using corvane_test::EchoHandler;
 using corvane_test::RecordingHandler;
 using corvane_test::TestAcceptor;
 
-class TcpTransport : public ::testing::Test {
+class TcpTransport : public corvane_test::ChannelTest {
 protected:
-    void SetUp() override {
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        net::SocketOptions options;
-        options.backlog = 128;
-        factory = new net::ChannelFactory(options);
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
-    }
     void TearDown() override {
         reactor->stopProcessing();
         acceptor = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     Common::SmartPtr<net::IChannelServer> startServer(const char * uri = "tcp://127.0.0.1:0") {
         if (!acceptor) {
@@ -67,12 +58,7 @@ protected:
         return corvane_test::SendAll(fd, message) ? corvane_test::RecvExact(fd, message.size()) : "";
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<TestAcceptor> acceptor;
-
-private:
-    int m_descriptors = 0;
 };
 
 TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {

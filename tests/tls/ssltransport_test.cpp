@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "channeltest.h"
 #include "childprocess.h"
 #include "corvane/uri.h"
 #include "expect.h"
@@ -90,22 +91,17 @@ std::unique_ptr<ChildProcess> openSSLClient(unsigned short port, std::vector<std
     return std::unique_ptr<ChildProcess>(new ChildProcess(args));
 }
 
-class TlsTransport : public ::testing::Test {
+class TlsTransport : public corvane_test::ChannelTest {
 protected:
     void SetUp() override {
         ASSERT_FALSE(material().directory.empty());
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        factory = new net::ChannelFactory(net::SocketOptions());
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
+        ChannelTest::SetUp();
         acceptor = new TestAcceptor;
     }
     void TearDown() override {
         reactor->stopProcessing();
         acceptor = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     Common::SmartPtr<net::IChannelServer> startServer(const std::string & options = serverOptions()) {
         return factory->startChannelServer(reactor.get(), "ssl://127.0.0.1:0", acceptor.get(), options.c_str());
@@ -115,12 +111,7 @@ protected:
         return factory->openChannel(reactor.get(), uri.c_str(), handler, options.c_str());
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<TestAcceptor> acceptor;
-
-private:
-    int m_descriptors = 0;
 };
 
 TEST_F(TlsTransport, ClientPresentsItsCertificateToAServerThatInsists) {
@@ -505,9 +496,7 @@ using logging::HookAppender;
 // reactor logs its removal; a descriptor opened right there takes the closed number, and the
 // channel must not send its close_notify into it. Both ends of one connection are swept.
 TEST_F(TlsTransport, SweepClosedSocketGetsNoCloseNotify) {
-    reactor->stopProcessing();
-    reactor = new socketio::SelectReactor(40, 200, 20);
-    reactor->startProcessing();
+    startReactor(40, 200, 20);
     Common::SmartPtr<net::IChannelServer> server = startServer();
     Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
     Common::SmartPtr<net::IChannel> channel =

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "corvane/uri.h"
+#include "channeltest.h"
 #include "echoserver.h"
 #include "expect.h"
 #include "pattern.h"
@@ -96,15 +97,10 @@ private:
     std::size_t m_next = 0;
 };
 
-class Tunnels : public ::testing::Test {
+class Tunnels : public corvane_test::ChannelTest {
 protected:
     void SetUp() override {
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        net::SocketOptions options;
-        options.backlog = 128;
-        factory = new net::ChannelFactory(options);
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
+        ChannelTest::SetUp();
         store = new net::TunnelStore(reactor.get(), factory.get(), 65536);
     }
     void TearDown() override {
@@ -113,9 +109,7 @@ protected:
         EXPECT_EQ(store->serviceCount(), 0u);
         reactor->stopProcessing();
         store = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     unsigned short startTunnel(const std::string & target, unsigned int bufferSize = 65536) {
         if (bufferSize != 65536) {
@@ -128,12 +122,7 @@ protected:
         return waitFor([this] { return store->tunnelCount() == 0; });
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<net::TunnelStore> store;
-
-private:
-    int m_descriptors = 0;
 };
 
 TEST_F(Tunnels, RingFullStopsOnlyItsDirection) {
