@@ -5,9 +5,6 @@
 # peer is started here on loopback and stopped by its PID.
 set -uo pipefail
 source "$(dirname "$0")/harness.sh"
-free_port() {
-    /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
 wait_for() {  # wait_for FILE PATTERN: up to 10 s for a line matching PATTERN in FILE
     for _ in $(seq 100); do grep -q -- "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
     echo "  no '$2' in $1: $(head -c 2000 "$1" 2>/dev/null)"; return 1
