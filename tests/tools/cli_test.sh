@@ -93,11 +93,7 @@ check "version" version_lines version
 
 
 # TLS: certificates made here (a CA and a localhost server signed by it), never committed.
-openssl req -x509 -newkey rsa:2048 -nodes -keyout "$tmp/ca.key" -out "$tmp/ca.pem" -days 2 -subj "/CN=cli test CA" 2>/dev/null
-openssl req -newkey rsa:2048 -nodes -keyout "$tmp/server.key" -out "$tmp/server.csr" -subj "/CN=localhost" 2>/dev/null
-printf 'subjectAltName=DNS:localhost\n' > "$tmp/san"
-openssl x509 -req -in "$tmp/server.csr" -CA "$tmp/ca.pem" -CAkey "$tmp/ca.key" -CAcreateserial -days 2 \
-    -extfile "$tmp/san" -out "$tmp/server.pem" 2>/dev/null
+make_certificates
 server_tls="CertificateFile=$tmp/server.pem;PrivateKeyFile=$tmp/server.key;NoCertify=true"
 client_tls="LoadCryptoCertStore=false;CAFile=$tmp/ca.pem"
 "$corvane" serve ssl://127.0.0.1:0 --echo --options "$server_tls" > "$tmp/tls.out" & pids+=($!)

@@ -32,6 +32,15 @@ wait_accepting() {  # wait_accepting PORT: up to 5 s
     for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0; sleep 0.1; done
     return 1
 }
+# A CA ($tmp/ca.pem) and a localhost server certificate it signed ($tmp/server.pem and
+# $tmp/server.key), made here and never committed.
+make_certificates() {
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$tmp/ca.key" -out "$tmp/ca.pem" -days 2 -subj "/CN=test CA" 2>/dev/null
+    openssl req -newkey rsa:2048 -nodes -keyout "$tmp/server.key" -out "$tmp/server.csr" -subj "/CN=localhost" 2>/dev/null
+    printf 'subjectAltName=DNS:localhost\n' > "$tmp/san"
+    openssl x509 -req -in "$tmp/server.csr" -CA "$tmp/ca.pem" -CAkey "$tmp/ca.key" -CAcreateserial -days 2 \
+        -extfile "$tmp/san" -out "$tmp/server.pem" 2>/dev/null
+}
 summary() {  # the counts; fails when a check failed
     echo "$((checks - failures)) passed, $failures failed"
     [ "$failures" -eq 0 ]
