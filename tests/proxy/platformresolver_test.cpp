@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <stdexcept>
 
 #include "environment.h"
@@ -145,23 +144,6 @@ TEST_F(EnvironmentMapping, GarbageIsLeftOutWithAWarning) {
                         "ignoring https_proxy='socks5://s:1080': not the address of an http proxy"),
               1u);
     EXPECT_EQ(log.countContaining("ProxyResolver.PlatformResolver", "ignoring"), 5u);
-}
-
-TEST_F(EnvironmentMapping, RandomVariablesNeverFaultNorSplitEntries) {
-    std::mt19937 random(7);
-    const std::string alphabet = "hp:/.*;, =+ac";
-    for (int round = 0; round < 300; ++round) {
-        for (const char * name : corvane_test::ProxyEnvironment::kNames) {
-            std::string value(random() % 16, 'x');
-            for (char & c : value) {
-                c = random() % 4 == 0 ? static_cast<char>(1 + random() % 255) : alphabet[random() % alphabet.size()];
-            }
-            m_environment.set(name, value);
-        }
-        for (const std::string & proxy : resolved("http://web.corp.test/")) {
-            ASSERT_EQ(proxy.find_first_of("; "), std::string::npos) << proxy;
-        }
-    }
 }
 
 TEST_F(EnvironmentMapping, PacUrlAsksDiscoveryWhoseProxiesReplaceTheStaticOnes) {
