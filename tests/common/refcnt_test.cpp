@@ -81,17 +81,4 @@ TEST(SmartPtr, InterfacesOfOneObjectShareOneCount) {
     EXPECT_EQ(destroyed.load(), 1);
 }
 
-TEST(SmartPtr, MoveTransfersWithoutCounting) {
-    std::atomic<int> destroyed{0};
-    Common::SmartPtr<Counted> a(new Counted(&destroyed));
-    Common::SmartPtr<Counted> b(std::move(a));
-    EXPECT_FALSE(a);
-    EXPECT_EQ(b->refCount(), 1);
-    Common::SmartPtr<Counted> c;
-    c = std::move(b);
-    EXPECT_EQ(c->refCount(), 1);
-    c = std::move(c);
-    EXPECT_EQ(destroyed.load(), 0);
-}
-
 }  // namespace

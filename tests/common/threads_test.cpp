@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "common/conditionvariable.h"
 #include "common/lock.h"
@@ -54,22 +53,6 @@ TEST(PlatformThread, ExplicitStackSizeIsHonouredOrRefused) {
     Common::PlatformThread::Join(handle);
     EXPECT_NE(worker.id, 0UL);
     EXPECT_FALSE(Common::PlatformThread::Create(1, &worker, &handle));
-}
-
-TEST(Lock, ScopedUnlockReleasesInsideAScope) {
-    Common::Lock lock;
-    Common::ScopedLock guard(&lock);
-    {
-        Common::ScopedUnlock unlocked(&lock);
-        // Another thread can take the lock only because the scope released it.
-        bool taken = false;
-        std::thread other([&] {
-            Common::ScopedLock inner(&lock);
-            taken = true;
-        });
-        other.join();
-        EXPECT_TRUE(taken);
-    }
 }
 
 // The reactor waits with these: a wait of a few microseconds must not become a busy poll.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -352,6 +353,84 @@ TEST_F(Hostile, ServerClosedInsideAcceptKeepsAcceptedChannel) {
         EXPECT_TRUE(waitFor([&] { return handler->received() == "once"; })) << handler->received();
         client->close();
         acceptor->makeHandler = nullptr;
+    }
+}
+
+// Acceptors that refuse or throw, and accepted handlers that throw from onRead or while the
+// reactor asks for their mask: each ends only its own connection, a throw with one ERROR line,
+// and the server goes on serving.
+TEST_F(Hostile, FailingAcceptorOrHandlerEndsOnlyItsConnectionOnEveryServerScheme) {
+    struct ThrowingHandler : corvane_test::EchoHandler {
+        explicit ThrowingHandler(bool throwsInMask) : inMask(throwsInMask) {}
+        bool hasPendingWrite() override {
+            if (inMask && reads.load() > 0) throw std::runtime_error("handler fails");
+            return EchoHandler::hasPendingWrite();
+        }
+        void onRead(net::IReadDataStream * stream) override {
+            EchoHandler::onRead(stream);
+            ++reads;
+            if (!inMask) throw std::runtime_error("handler fails");
+        }
+        const bool inMask;
+    };
+    const struct {
+        const char * scheme;
+        const char * category;  // of the line a throwing handler costs
+        const char * text;
+        std::size_t refusalLines;  // "not accepting connection '...", a WebSocket server's
+        bool maskMayThrow;
+    } rows[] = {
+        {"tcp", "corvane.tcp.TCPChannel", "]: handler fails", 0, false},
+        {"ssl", "corvane.ssl.SSLChannel", "exception caught while dispatching socket event: handler fails", 0, true},
+        {"ws", "corvane.websocket.WSChannel", "]: exception caught: handler fails", 1, true},
+        {"wss", "corvane.websocket.WSChannel", "]: exception caught: handler fails", 1, true},
+    };
+    for (const auto & row : rows) {
+        SCOPED_TRACE(row.scheme);
+        const unsigned short port = corvane_test::FreeLoopbackPort();
+        const std::string uri = std::string(row.scheme) + "://127.0.0.1:" + std::to_string(port) + "/";
+        Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+        Common::SmartPtr<net::IChannelServer> server(
+            factory->startChannelServer(reactor.get(), uri.c_str(), acceptor.get(), serverOptions().c_str()));
+        corvane_test::LogCapture log("INFO");
+        acceptor->answers = {corvane_test::TestAcceptor::Answer::Refuse, corvane_test::TestAcceptor::Answer::Throw};
+        for (int i = 0; i < 2; ++i) {
+            int fd = corvane_test::LoopbackConnect(port);
+            EXPECT_TRUE(corvane_test::SeesEndOf(fd));
+            close(fd);
+        }
+        EXPECT_EQ(log.countContaining("", "accept failed due to exception: 'acceptor says no"), 1u);
+        EXPECT_EQ(log.countContaining("corvane.websocket.WebSocketChannelServer", "not accepting connection '"),
+                  row.refusalLines);
+        // The next connection accepted gets a handler that throws (0 in onRead, 1 in its mask).
+        std::atomic<int> nextThrows{-1};
+        acceptor->makeHandler = [&nextThrows]() -> corvane_test::RecordingHandler * {
+            const int kind = nextThrows.exchange(-1);
+            return kind < 0 ? new corvane_test::EchoHandler : new ThrowingHandler(kind == 1);
+        };
+        for (bool inMask : {false, true}) {
+            if (inMask && !row.maskMayThrow) continue;  // a tcp channel asks for its mask where nothing catches
+            SCOPED_TRACE(inMask ? "hasPendingWrite throws" : "onRead throws");
+            log.clear();
+            nextThrows = inMask ? 1 : 0;
+            Common::SmartPtr<corvane_test::RecordingHandler> victim(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> failing(
+                factory->openChannel(reactor.get(), uri.c_str(), victim.get(), clientOptions().c_str()));
+            victim->queue("boom");
+            reactor->wakeUp();
+            EXPECT_TRUE(waitFor([&] { return victim->ended(); }));
+            EXPECT_EQ(log.countContaining(row.category, row.text), 1u);
+            Common::SmartPtr<corvane_test::RecordingHandler> other(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> healthy(
+                factory->openChannel(reactor.get(), uri.c_str(), other.get(), clientOptions().c_str()));
+            other->queue("still here");
+            reactor->wakeUp();
+            EXPECT_TRUE(waitFor([&] { return other->received() == "still here"; }));
+            failing->close();
+            healthy->close();
+        }
+        acceptor->makeHandler = nullptr;
+        server->close();
     }
 }
 

@@ -88,33 +88,6 @@ TEST(URI, AnyInterfaceHosts) {
     }
 }
 
-TEST(URI, SocketAddressRoundTripsThroughResolution) {
-    URI::SocketAddress addresses;
-    URI::FromString("tcp://127.0.0.1:4242").ToSockAddress(addresses, true);
-    ASSERT_NE(addresses.get(), nullptr);
-    const addrinfo * entry = addresses.get();
-    EXPECT_EQ(entry->ai_family, AF_INET);
-    EXPECT_EQ(entry->ai_socktype, SOCK_STREAM);
-    URI back = URI::FromSockAddr(entry->ai_addr, entry->ai_addrlen, true, "ssl");
-    EXPECT_EQ(back.ToString(), "ssl://127.0.0.1:4242");
-
-    URI::FromString("tcp://[::1]:7").ToSockAddress(addresses, true);
-    EXPECT_EQ(URI::FromSockAddr(addresses.get()->ai_addr, addresses.get()->ai_addrlen, true, "tcp").ToString(),
-              "tcp://[::1]:7");
-}
-
-TEST(URI, MappedIPv4PeerIsUnmappedOnlyWhenAsked) {
-    sockaddr_in6 mapped{};
-    mapped.sin6_family = AF_INET6;
-    mapped.sin6_port = htons(80);
-    inet_pton(AF_INET6, "::ffff:10.1.2.3", &mapped.sin6_addr);
-    auto * address = reinterpret_cast<sockaddr *>(&mapped);
-    EXPECT_EQ(URI::FromSockAddr(address, sizeof mapped, true, "tcp").ToString(), "tcp://10.1.2.3:80");
-    EXPECT_EQ(URI::FromSockAddr(address, sizeof mapped, false, "tcp").getHost(), "::ffff:10.1.2.3");
-    EXPECT_THROW(URI::FromSockAddr(address, 3, true, "tcp"), net::URIException);
-    EXPECT_THROW(URI::FromSockAddr(nullptr, 0, true, "tcp"), net::URIException);
-}
-
 TEST(URI, UnresolvableHostNamesTheHost) {
     URI::SocketAddress addresses;
     try {

@@ -251,22 +251,6 @@ TEST_F(ProxyConnect, OnlyNegotiateOrNtlmAreTriedAndNegotiateWins) {
     EXPECT_EQ(target.accepted(), 1);
 }
 
-TEST_F(ProxyConnect, NegotiateForAUserWithoutCredentialsFailsOverToTheNextWay) {
-    corvane_test::ScopedEnv noTicket("KRB5CCNAME", "FILE:/nonexistent/corvane-no-ticket");
-    corvane_test::ScopedEnv noNtlmUser("NTLM_USER_FILE", nullptr);
-    ScriptedProxy proxy({{{{"HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Negotiate\r\n"
-                            "Content-Length: 0\r\n\r\n"}}}});
-    environment.set("http_proxy", proxy.address());
-    corvane_test::EchoServer target;
-    unsigned int socket = connectThrough("http://localhost:" + std::to_string(target.port()));
-    EXPECT_EQ(echoThrough(socket, "direct"), "direct");
-    socketio::SocketClose(socket);
-    EXPECT_EQ(log.count(kAuthLog, "INFO", "adding Negotiate authenticate method for Proxy-Authenticate header 'Negotiate'"),
-              1u);
-    EXPECT_EQ(log.countContaining(kConnectLog, "SocketConnectAttemptProxy: InternalException caught: "), 1u);
-    EXPECT_EQ(log.count(kConnectLog, "INFO", "Connecting directly"), 1u);
-}
-
 std::string chunk(const std::string & data) {
     char size[16];
     snprintf(size, sizeof size, "%zx", data.size());

@@ -42,39 +42,4 @@ TEST(Proxy, SplitsSchemeCredentialsHostAndPort) {
     }
 }
 
-class FakePlatform : public ProxyResolver::IPlatformResolver {
-public:
-    explicit FakePlatform(std::vector<std::string> answer, bool fail = false) : m_answer(std::move(answer)), m_fail(fail) {}
-    void resolve(const char *, std::vector<std::string> & proxies) override {
-        if (m_fail) {
-            throw std::runtime_error("unable to get internet explorer settings");
-        }
-        proxies.insert(proxies.end(), m_answer.begin(), m_answer.end());
-    }
-
-private:
-    std::vector<std::string> m_answer;
-    bool m_fail;
-};
-
-TEST(Resolver, ResultHoldsThePlatformsProxiesInOrder) {
-    ProxyResolver::Resolver resolver(new FakePlatform({"b:2", "http://a:1", ""}));
-    std::unique_ptr<ProxyResolver::IResult> result(resolver.resolve("http://example.test/"));
-    EXPECT_STREQ(result->URI(), "http://example.test/");
-    ASSERT_EQ(result->proxyCount(), 3u);
-    EXPECT_STREQ(result->proxy(0).URI(), "b:2");
-    EXPECT_STREQ(result->proxy(1).host(), "a");
-    EXPECT_STREQ(result->proxy(2).host(), "");
-
-    ProxyResolver::Resolver direct(new FakePlatform({}));
-    result.reset(direct.resolve("http://example.test/"));
-    EXPECT_EQ(result->proxyCount(), 0u);
-}
-
-// The sanitizer build shows a leaked Result or platform resolver.
-TEST(Resolver, PlatformFailureReachesTheCallerWithoutLeak) {
-    ProxyResolver::Resolver resolver(new FakePlatform({}, true));
-    EXPECT_THROW(resolver.resolve("http://example.test/"), std::runtime_error);
-}
-
 }  // namespace

@@ -21,7 +21,6 @@ using corvane_test::TempDir;
 using corvane_test::WriteFile;
 using socketio::PROXY_AUTH_CONTINUE;
 using socketio::PROXY_AUTH_FAILED;
-using socketio::PROXY_AUTH_SUCCESS;
 using socketio::SSPIProxyAuthenticator;
 
 const char * const kAuthenticatorLog = "corvane.socketio.SSPIProxyAuthenticator";
@@ -38,18 +37,11 @@ std::string decode(const std::string & text) {
     return std::string(data.begin(), data.end());
 }
 
-// Round trips of any bytes are the fuzz target's; here the alphabet, the padding, and where a
-// proxy's token ends.
-TEST(Base64, RfcVectorsAndTheEndOfAToken) {
-    const std::pair<std::string, std::string> vectors[] = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {std::string("\xfb\xff\xbf", 3), "+/+/"},
-    };
-    for (const auto & v : vectors) {
-        EXPECT_EQ(encode(v.first), v.second);
-        EXPECT_EQ(decode(v.second), v.first);
-    }
-    // Padding is optional and the first stray character ends the token.
+// Round trips of any bytes are the fuzz target's, the alphabet meets squid's helper in the
+// squid tests; here where a proxy's token ends: padding is optional and the first stray
+// character ends it.
+TEST(Base64, TheEndOfAToken) {
+    EXPECT_EQ(encode(""), "");
     const std::pair<const char *, const char *> tokens[] = {
         {"Zm9vYg", "foob"}, {"Zm9vYmE", "fooba"}, {"Zm9v YmFy", "foo"}, {"Zm9vYmFy\r\n", "foobar"},
         {"Zm8=Zm9v", "fo"}, {"Zm9vY", "foo"},      {" Zm9v", ""},
@@ -89,31 +81,12 @@ public:
         return major;
     }
 
-    std::string source() const {
-        OM_uint32 minor = 0;
-        gss_buffer_desc name = GSS_C_EMPTY_BUFFER;
-        if (m_source == GSS_C_NO_NAME || GSS_ERROR(gss_display_name(&minor, m_source, &name, nullptr))) {
-            return "(none)";
-        }
-        // gss-ntlmssp counts the name's terminating NUL in its length.
-        std::string text(static_cast<char *>(name.value), strnlen(static_cast<char *>(name.value), name.length));
-        gss_release_buffer(&minor, &name);
-        return text;
-    }
-
-    bool mechanismIs(const char * oid, std::size_t length) const {
-        return m_mechanism != GSS_C_NO_OID && m_mechanism->length == length &&
-               std::memcmp(m_mechanism->elements, oid, length) == 0;
-    }
-
 private:
     gss_ctx_id_t m_context = GSS_C_NO_CONTEXT;
     gss_name_t m_source = GSS_C_NO_NAME;
     gss_OID m_mechanism = GSS_C_NO_OID;
 };
 
-const char kKerberosOid[] = "\x2a\x86\x48\x86\xf7\x12\x01\x02\x02";
-const char kNtlmOid[] = "\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a";
 
 // gss-ntlmssp's user file with one line "DOMAIN:user:password", named by NTLM_USER_FILE for
 // the life of the object; the initiator takes its first line as the logged-on user.
@@ -179,53 +152,8 @@ std::string challenge(const std::string & offer) {
            "\r\nContent-Length: 0\r\n\r\n";
 }
 
-const char kEstablished[] = "HTTP/1.1 200 Connection established\r\n\r\n";
-
 net::URI uri(const char * text) {
     return net::URI::FromString(text);
-}
-
-TEST(SSPIProxyAuthenticator, NtlmDialogueIgnoresTheCaseOfTheMethodAndEndsWith200) {
-    NtlmUser user;
-    LogCapture log;
-    SSPIProxyAuthenticator authenticator("NTLM", uri("http://localhost:3128"), uri("tcp://127.0.0.1:8080"), "agent/1");
-    std::vector<char> first = tokenOf(authenticator.getRequest(), "NTLM");
-    std::string text;
-    socketio::base64Encode(first.data(), static_cast<unsigned>(first.size()), text);
-    EXPECT_EQ(authenticator.getRequest().raw(), "CONNECT 127.0.0.1:8080 HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n"
-                                                "Proxy-Authorization: NTLM " + text +
-                                                    "\r\nProxy-Connection: Keep-Alive\r\nUser-Agent: agent/1\r\n\r\n");
-    Acceptor acceptor;
-    std::vector<char> answer;
-    ASSERT_EQ(acceptor.accept(first, answer), GSS_S_CONTINUE_NEEDED);
-    socketio::base64Encode(answer.data(), static_cast<unsigned>(answer.size()), text);
-    ASSERT_EQ(authenticator.handleResponse(parse(challenge("ntlm " + text))), PROXY_AUTH_CONTINUE);
-    ASSERT_EQ(acceptor.accept(tokenOf(authenticator.getRequest(), "NTLM"), answer), GSS_S_COMPLETE);
-    EXPECT_EQ(acceptor.source(), "TESTDOM\\user");
-    EXPECT_TRUE(acceptor.mechanismIs(kNtlmOid, 10));
-    EXPECT_EQ(authenticator.handleResponse(parse(kEstablished)), PROXY_AUTH_SUCCESS);
-    EXPECT_EQ(log.count("", "ERROR", ""), 0u);
-
-    SSPIProxyAuthenticator toIPv6("NTLM", uri("http://localhost:3128"), uri("tcp://[::1]:8080"), "agent/1");
-    EXPECT_EQ(toIPv6.getRequest().get_uri(), "[::1]:8080");
-}
-
-// What a proxy answers to a wrong password: the bare method again. The package has nothing
-// to answer it with, and the attempt ends without an exception.
-TEST(SSPIProxyAuthenticator, BareChallengeAfterTheLastTokenFailsTheAttempt) {
-    NtlmUser user;
-    LogCapture log;
-    SSPIProxyAuthenticator authenticator("NTLM", uri("http://localhost:3128"), uri("tcp://127.0.0.1:8080"), "agent/1");
-    Acceptor acceptor;
-    std::vector<char> answer;
-    ASSERT_EQ(acceptor.accept(tokenOf(authenticator.getRequest(), "NTLM"), answer), GSS_S_CONTINUE_NEEDED);
-    std::string text;
-    socketio::base64Encode(answer.data(), static_cast<unsigned>(answer.size()), text);
-    ASSERT_EQ(authenticator.handleResponse(parse(challenge("NTLM " + text))), PROXY_AUTH_CONTINUE);
-    EXPECT_EQ(authenticator.handleResponse(parse(challenge("NTLM"))), PROXY_AUTH_FAILED);
-    EXPECT_EQ(log.count(kAuthenticatorLog, "ERROR",
-                        "exception caught: gss_init_sec_context:GSS_S_DEFECTIVE_TOKEN:Invalid token was supplied"),
-              1u);
 }
 
 TEST(SSPIProxyAuthenticator, AnotherMethodOrAnIncompleteOrOtherResponseEndsTheAttempt) {
@@ -254,20 +182,11 @@ TEST(SSPIProxyAuthenticator, AnotherMethodOrAnIncompleteOrOtherResponseEndsTheAt
     EXPECT_EQ(log.count(kAuthenticatorLog, "ERROR", "Unable to open connection with proxy server"), 1u);
 }
 
-TEST(SSPIProxyAuthenticator, KerberosTicketIsAcceptedOnTheFirstAuthenticatedRequest) {
+// squid's tests take a ticket through a real proxy; here what squid does not do.
+TEST(SSPIProxyAuthenticator, KerberosClosingTokenAndAMissingTicket) {
     KerberosRealm realm;
     ScopedEnv noNtlm("NTLM_USER_FILE", nullptr);
-    SSPIProxyAuthenticator authenticator("Negotiate", uri("http://localhost:3128"), uri("tcp://127.0.0.1:8080"),
-                                         "agent/1");
-    const std::string request = authenticator.getRequest().raw();
-    Acceptor acceptor;
     std::vector<char> answer;
-    ASSERT_EQ(acceptor.accept(tokenOf(authenticator.getRequest(), "Negotiate"), answer), GSS_S_COMPLETE);
-    EXPECT_EQ(acceptor.source(), "user@TEST.LOCAL");
-    EXPECT_TRUE(acceptor.mechanismIs(kKerberosOid, 9));
-    EXPECT_EQ(authenticator.handleResponse(parse(kEstablished)), PROXY_AUTH_SUCCESS);
-    EXPECT_EQ(authenticator.getRequest().raw(), request);
-
     // A proxy that does send SPNEGO's closing token asks for one more request; the package
     // has nothing more to say, so the header carries the method and a blank.
     SSPIProxyAuthenticator again("Negotiate", uri("http://localhost:3128"), uri("tcp://127.0.0.1:8080"), "agent/1");

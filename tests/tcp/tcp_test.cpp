@@ -17,13 +17,13 @@
 #include <vector>
 
 #include "corvane/uri.h"
+#include "channeltest.h"
 #include "echoserver.h"
 #include "framework/channelfactory.h"
 #include "expect.h"
 #include "logcapture.h"
 #include "pattern.h"
 #include "recordinghandler.h"
-#include "socketio/readinterest.h"
 #include "socketio/selectreactor.h"
 #include "sockets.h"
 #include "testacceptor.h"
@@ -38,22 +38,12 @@ using corvane_test::EchoHandler;
 using corvane_test::RecordingHandler;
 using corvane_test::TestAcceptor;
 
-class TcpTransport : public ::testing::Test {
+class TcpTransport : public corvane_test::ChannelTest {
 protected:
-    void SetUp() override {
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        net::SocketOptions options;
-        options.backlog = 128;
-        factory = new net::ChannelFactory(options);
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
-    }
     void TearDown() override {
         reactor->stopProcessing();
         acceptor = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     Common::SmartPtr<net::IChannelServer> startServer(const char * uri = "tcp://127.0.0.1:0") {
         if (!acceptor) {
@@ -68,12 +58,7 @@ protected:
         return corvane_test::SendAll(fd, message) ? corvane_test::RecvExact(fd, message.size()) : "";
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<TestAcceptor> acceptor;
-
-private:
-    int m_descriptors = 0;
 };
 
 TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {
@@ -95,33 +80,6 @@ TEST_F(TcpTransport, EchoesAMegabyteBothWaysByteForByte) {
     // Linger is on by default: the close resets, and the server's channel sees an error.
     ASSERT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->errors.load() == 1; }));
     server->close();
-    server->close();
-}
-
-// A handler that can take nothing more says so; the channel then stops asking for reads, and
-// the reactor does not wake for the bytes that wait in the socket.
-class StallingHandler : public RecordingHandler, public socketio::IReadInterest {
-public:
-    bool wantsRead() override { return !stalled.load(); }
-    std::atomic<bool> stalled{true};
-};
-
-TEST_F(TcpTransport, HandlerWithoutRoomIsNotWokenForReadsUntilItHasRoom) {
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    Common::SmartPtr<StallingHandler> client(new StallingHandler);
-    std::string uri = "tcp://127.0.0.1:" + std::to_string(portOf(server.get()));
-    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-    const std::string data = Pattern(100000);
-    client->queue(data);  // echoed back while the client reads nothing
-    ASSERT_TRUE(waitFor([&] { return client->writes.load() > 0 && !client->hasPendingWrite(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(client->reads.load(), 0) << "woken for reads it cannot take";
-
-    client->stalled = false;
-    reactor->wakeUp();
-    ASSERT_TRUE(waitFor([&] { return client->receivedSize() >= data.size(); }));
-    EXPECT_TRUE(client->received() == data);
-    channel->close();
     server->close();
 }
 
@@ -162,68 +120,6 @@ TEST_F(TcpTransport, CloseInsideOnReadStillDeliversOnWriteWhoseSendFails) {
     EXPECT_EQ(client->writes.load() > 0, true);
     EXPECT_EQ(log.count("corvane.tcp.TCPChannel", "ERROR", "send: failed with error code '9' : Bad file descriptor"), 1u);
     EXPECT_EQ(client->closes.load() + client->errors.load(), 0);
-}
-
-TEST_F(TcpTransport, RefusingOrThrowingAcceptorEndsOnlyThatConnection) {
-    corvane_test::LogCapture log("ERROR");
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    acceptor->answers = {TestAcceptor::Answer::Refuse, TestAcceptor::Answer::Throw};
-    char byte;
-    for (int i = 0; i < 2; ++i) {
-        int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-        EXPECT_LE(recv(fd, &byte, 1, 0), 0) << "connection " << i << " is closed by the server";
-        close(fd);
-    }
-    EXPECT_EQ(log.count("corvane.tcp.TCPChannelServer", "ERROR", "accept failed due to exception: 'acceptor says no'"), 1u);
-    int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-    EXPECT_EQ(rawExchange(fd, "still served"), "still served");
-    close(fd);
-    ASSERT_TRUE(waitFor([&] { return acceptor->handlers[0]->closes.load() == 1; }));
-    server->close();
-}
-
-TEST_F(TcpTransport, BurstOfConnectionsIsServedInFull) {
-    Common::SmartPtr<net::IChannelServer> server = startServer("tcp://:0");
-    EXPECT_EQ(net::URI::FromString(server->getLocalURI()).getHost(), "::");
-    constexpr int clients = 40;
-    std::vector<std::thread> threads;
-    std::atomic<int> echoed{0};
-    for (int i = 0; i < clients; ++i) {
-        threads.emplace_back([&, i] {
-            int fd = corvane_test::LoopbackConnect(portOf(server.get()));
-            std::string message = "client " + std::to_string(i);
-            if (rawExchange(fd, message) == message) {
-                ++echoed;
-            }
-            close(fd);
-        });
-    }
-    for (auto & thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(echoed.load(), clients);
-    ASSERT_TRUE(waitFor([&] {
-        for (auto & handler : acceptor->handlers) {
-            if (!handler->ended()) {
-                return false;
-            }
-        }
-        return acceptor->accepted() == clients;
-    }));
-    server->close();
-}
-
-TEST_F(TcpTransport, SilentChannelIsSweptWithOnError) {
-    reactor->stopProcessing();
-    reactor = new socketio::SelectReactor(40, 200, 20);
-    reactor->startProcessing();
-    corvane_test::EchoServer silentPeer(true);
-    Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
-    std::string uri = "tcp://127.0.0.1:" + std::to_string(silentPeer.port());
-    Common::SmartPtr<net::IChannel> channel(factory->openChannel(reactor.get(), uri.c_str(), client.get(), nullptr));
-    ASSERT_TRUE(waitFor([&] { return client->errors.load() == 1; }, 3000));
-    EXPECT_EQ(client->closes.load(), 0);
-    channel->close();
 }
 
 // At the descriptor limit a listening socket stays readable while accept fails: the server must

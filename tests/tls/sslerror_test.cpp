@@ -38,26 +38,6 @@ protected:
     void TearDown() override { ERR_clear_error(); }
 };
 
-TEST_F(SSLErrorTextTest, QueueTextIsOneLinePerErrorAndDrainsTheQueue) {
-    failCipherList();
-    failCipherList();
-    EXPECT_EQ(tools::openSSLErrorText(), noCipherMatchLine("openssl") + noCipherMatchLine("openssl"));
-    EXPECT_EQ(ERR_peek_error(), 0u);
-    EXPECT_EQ(tools::openSSLErrorText(), "");
-}
-
-TEST_F(SSLErrorTextTest, SSLExceptionCarriesAndLogsTheQueue) {
-    LogCapture log;
-    failCipherList();
-    tools::SSLException filled;
-    tools::SSLException copy(filled);
-    EXPECT_EQ(std::string(copy.what()), noCipherMatchLine("openssl"));
-    tools::SSLException empty(5, "ignored", true);
-    EXPECT_STREQ(empty.what(), "");
-    EXPECT_EQ(log.count("corvane.tools.SSLException", "WARN", noCipherMatchLine("openssl")), 1u);
-    EXPECT_EQ(log.events().size(), 2u);
-}
-
 // The queue, when there is one, wins over errno; a would-block errno is told by its code.
 TEST_F(SSLErrorTextTest, TextOfEachResult) {
     const std::string wouldBlock = "SSL_read:SSL_ERROR_SYSCALL failed with error code '" + std::to_string(EWOULDBLOCK) +

@@ -21,10 +21,11 @@
 #include <string>
 #include <thread>
 
+#include "channeltest.h"
 #include "childprocess.h"
 #include "corvane/uri.h"
-#include "echoserver.h"
 #include "expect.h"
+#include "pattern.h"
 #include "framework/channelfactory.h"
 #include "logcapture.h"
 #include "recordinghandler.h"
@@ -38,7 +39,6 @@
 #include "tls/sslinternalexception.h"
 #include "tls/toolsinternalexception.h"
 #include "tlsmaterial.h"
-#include "tunnel/tunnelstore.h"
 
 namespace {
 
@@ -48,13 +48,6 @@ using corvane_test::RecordingHandler;
 using corvane_test::TestAcceptor;
 using corvane_test::waitFor;
 
-std::string pattern(size_t size, unsigned seed = 0) {
-    std::string data(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        data[i] = static_cast<char>((i * 131 + i / 251 + seed * 7919) & 0xff);
-    }
-    return data;
-}
 
 unsigned short portOf(const char * uri) {
     return net::URI::FromString(uri).getPort();
@@ -64,6 +57,13 @@ const std::string kTrustTestCA = "LoadCryptoCertStore=false;CAFile=" + material(
 
 std::string serverOptions(const std::string & certificate = material().serverCert) {
     return kTrustTestCA + ";CertificateFile=" + certificate + ";PrivateKeyFile=" + material().serverKey;
+}
+
+// A client context of the test's own that trusts the test CA.
+tools::SSLContext trustingContext() {
+    net::OptionMap options;
+    options.parse(kTrustTestCA.c_str());
+    return tools::SSLContext(options);
 }
 
 // openssl s_server on a free loopback port, sending back each line reversed.
@@ -91,22 +91,17 @@ std::unique_ptr<ChildProcess> openSSLClient(unsigned short port, std::vector<std
     return std::unique_ptr<ChildProcess>(new ChildProcess(args));
 }
 
-class TlsTransport : public ::testing::Test {
+class TlsTransport : public corvane_test::ChannelTest {
 protected:
     void SetUp() override {
         ASSERT_FALSE(material().directory.empty());
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        factory = new net::ChannelFactory(net::SocketOptions());
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
+        ChannelTest::SetUp();
         acceptor = new TestAcceptor;
     }
     void TearDown() override {
         reactor->stopProcessing();
         acceptor = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     Common::SmartPtr<net::IChannelServer> startServer(const std::string & options = serverOptions()) {
         return factory->startChannelServer(reactor.get(), "ssl://127.0.0.1:0", acceptor.get(), options.c_str());
@@ -116,29 +111,8 @@ protected:
         return factory->openChannel(reactor.get(), uri.c_str(), handler, options.c_str());
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<TestAcceptor> acceptor;
-
-private:
-    int m_descriptors = 0;
 };
-
-TEST_F(TlsTransport, FactoryRegistersHttpsBeforeSsl) {
-    corvane_test::LogCapture log;
-    Common::SmartPtr<net::IChannelFactory> fresh(new net::ChannelFactory(net::SocketOptions()));
-    std::vector<std::string> order;
-    for (const auto & event : log.events()) {
-        if (event.category == "corvane.net.ChannelFactory" && event.text.rfind("registerTransportProtocol(", 0) == 0) {
-            order.push_back(event.text);
-        }
-    }
-    const auto at = [&](const char * text) { return std::find(order.begin(), order.end(), text) - order.begin(); };
-    EXPECT_LT(at("registerTransportProtocol('tcp')"), at("registerTransportProtocol('https')"));
-    EXPECT_EQ(at("registerTransportProtocol('https')") + 1, at("registerTransportProtocol('ssl')"));
-    EXPECT_LT(at("registerTransportProtocol('ssl')"), static_cast<long>(order.size()));
-    EXPECT_STREQ(fresh->getTransportProtocol("https")->getName(), "https");
-}
 
 TEST_F(TlsTransport, ClientPresentsItsCertificateToAServerThatInsists) {
     OpenSSLServer peer(material().serverCert,
@@ -261,11 +235,7 @@ TEST_F(TlsTransport, SecondConnectionResumesUnlessTurnedOff) {
 
         // The server side against a client of the test's own.
         Common::SmartPtr<net::IChannelServer> server = startServer(serverOptions() + off);
-        tools::SSLContext context = [] {
-            net::OptionMap options;
-            options.parse(kTrustTestCA.c_str());
-            return tools::SSLContext(options);
-        }();
+        tools::SSLContext context = trustingContext();
         for (const char * how : {"TLS 1.3", "TLS 1.2 ticket", "TLS 1.2 cache"}) {
             SCOPED_TRACE(how);
             SSL_SESSION * session = nullptr;
@@ -344,11 +314,7 @@ TEST_F(TlsTransport, RecordSplitAcrossSegmentsRecordsHeldAheadAndCloseNotifyFrom
     };
     Common::SmartPtr<net::IChannelServer> server = startServer();
     // A client of the test's own: OpenSSL over a blocking socket, its records sent by hand.
-    tools::SSLContext context = [] {
-        net::OptionMap options;
-        options.parse(kTrustTestCA.c_str());
-        return tools::SSLContext(options);
-    }();
+    tools::SSLContext context = trustingContext();
     int fd = corvane_test::LoopbackConnect(portOf(server->getLocalURI()));
     SSL * ssl = SSL_new(context.context());
     ASSERT_TRUE(ssl::SSL_set_socket(ssl, static_cast<unsigned int>(fd)));
@@ -435,7 +401,7 @@ TEST_F(TlsTransport, HostThreadSendsWhileTheReactorReadsAndTheOwnerCloses) {
     Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
     Common::SmartPtr<net::IChannel> channel =
         open("ssl://localhost:" + std::to_string(portOf(server->getLocalURI())), client.get());
-    const std::string data = pattern(1 << 20, 1);
+    const std::string data = corvane_test::Pattern(1 << 20);
     std::atomic<size_t> sent{0};
     std::thread sender([&] {
         net::IWriteDataStream * stream = channel->getWriteDataStream();
@@ -464,48 +430,6 @@ TEST_F(TlsTransport, HostThreadSendsWhileTheReactorReadsAndTheOwnerCloses) {
     // The server's side ends on the close before the reactor stops.
     EXPECT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }));
     server->close();
-}
-
-// Each direction of each connection has a ring of 1000 bytes, far less than one TLS record:
-// both TLS ends read a record in many steps, with nothing more arriving on their sockets.
-TEST_F(TlsTransport, TunnelWithATinyRingCarriesTenMebibytesOverTLSBothWays) {
-    reactor->stopProcessing();
-    reactor = new socketio::SelectReactor(5000, 300000, 1);
-    reactor->startProcessing();
-    corvane_test::EchoServer target;
-    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1000));
-    net::ITunnelService * tlsSide =
-        store->startTunnel("ssl://127.0.0.1:0", serverOptions().c_str(),
-                           ("tcp://127.0.0.1:" + std::to_string(target.port())).c_str(), "");
-    net::ITunnelService * tcpSide =
-        store->startTunnel("tcp://127.0.0.1:0", "",
-                           ("ssl://localhost:" + std::to_string(portOf(tlsSide->getLocalURI()))).c_str(),
-                           kTrustTestCA.c_str());
-    int fd = corvane_test::LoopbackConnect(portOf(tcpSide->getLocalURI()));
-    const std::string data = pattern(10 << 20, 2);
-    std::thread writer([&] {
-        for (size_t offset = 0; offset < data.size();) {
-            ssize_t n = send(fd, data.data() + offset, std::min<size_t>(data.size() - offset, 65536), MSG_NOSIGNAL);
-            if (n <= 0) {
-                return;
-            }
-            offset += static_cast<size_t>(n);
-        }
-    });
-    std::string back;
-    char buffer[65536];
-    while (back.size() < data.size()) {
-        ssize_t n = recv(fd, buffer, sizeof buffer, 0);  // gives up after 5 s without data
-        if (n <= 0) {
-            break;
-        }
-        back.append(buffer, static_cast<size_t>(n));
-    }
-    writer.join();
-    EXPECT_EQ(back.size(), data.size());
-    EXPECT_TRUE(back == data);
-    close(fd);
-    store->shutdown();
 }
 
 // An acceptor whose answer is the test's function, run on the reactor thread inside accept.
@@ -581,9 +505,7 @@ using logging::HookAppender;
 // reactor logs its removal; a descriptor opened right there takes the closed number, and the
 // channel must not send its close_notify into it. Both ends of one connection are swept.
 TEST_F(TlsTransport, SweepClosedSocketGetsNoCloseNotify) {
-    reactor->stopProcessing();
-    reactor = new socketio::SelectReactor(40, 200, 20);
-    reactor->startProcessing();
+    startReactor(40, 200, 20);
     Common::SmartPtr<net::IChannelServer> server = startServer();
     Common::SmartPtr<RecordingHandler> client(new RecordingHandler);
     Common::SmartPtr<net::IChannel> channel =
@@ -681,11 +603,7 @@ TEST_F(TlsTransport, SendBeforeHandshakeWaitsForIt) {
     EXPECT_EQ(accepted->getWriteDataStream()->send(6, "then\n"), 0);
     handler->queue("then\n");
 
-    tools::SSLContext context = [] {
-        net::OptionMap options;
-        options.parse(kTrustTestCA.c_str());
-        return tools::SSLContext(options);
-    }();
+    tools::SSLContext context = trustingContext();
     SSL * ssl = SSL_new(context.context());
     ASSERT_TRUE(ssl::SSL_set_socket(ssl, static_cast<unsigned int>(fd)));
     ASSERT_EQ(SSL_connect(ssl), 1);
@@ -699,50 +617,6 @@ TEST_F(TlsTransport, SendBeforeHandshakeWaitsForIt) {
     SSL_free(ssl);
     close(fd);
     accepted->close();
-    server->close();
-}
-
-// A handler that throws, from a callback or while the reactor asks for its mask, ends its own
-// connection with one line at ERROR; the process and the server's other connections go on.
-TEST_F(TlsTransport, HandlerThatThrowsEndsOnlyItsConnection) {
-    struct ThrowingHandler : corvane_test::EchoHandler {
-        explicit ThrowingHandler(bool throwsInMask) : inMask(throwsInMask) {}
-        bool hasPendingWrite() override {
-            if (inMask && reads.load() > 0) throw std::runtime_error("handler fails");
-            return EchoHandler::hasPendingWrite();
-        }
-        void onRead(net::IReadDataStream * stream) override {
-            EchoHandler::onRead(stream);
-            ++reads;
-            if (!inMask) throw std::runtime_error("handler fails");
-        }
-        const bool inMask;
-    };
-    // The next connection accepted gets a handler that throws (0 in onRead, 1 in its mask).
-    std::atomic<int> nextThrows{-1};
-    acceptor->makeHandler = [&nextThrows]() -> RecordingHandler * {
-        const int kind = nextThrows.exchange(-1);
-        return kind < 0 ? new corvane_test::EchoHandler : new ThrowingHandler(kind == 1);
-    };
-    Common::SmartPtr<net::IChannelServer> server = startServer();
-    const std::string uri = "ssl://localhost:" + std::to_string(portOf(server->getLocalURI()));
-    for (bool inMask : {false, true}) {
-        SCOPED_TRACE(inMask ? "hasPendingWrite throws" : "onRead throws");
-        corvane_test::LogCapture log("ERROR");
-        nextThrows = inMask ? 1 : 0;
-        Common::SmartPtr<RecordingHandler> victim(new RecordingHandler);
-        Common::SmartPtr<net::IChannel> failing = open(uri, victim.get());
-        victim->queue("boom");
-        EXPECT_TRUE(waitFor([&] { return victim->ended(); }));
-        EXPECT_EQ(log.count("corvane.ssl.SSLChannel", "ERROR", "exception caught while dispatching socket event: handler fails"),
-                  1u);
-        Common::SmartPtr<RecordingHandler> other(new RecordingHandler);
-        Common::SmartPtr<net::IChannel> healthy = open(uri, other.get());
-        other->queue("still here");
-        EXPECT_TRUE(waitFor([&] { return other->received() == "still here"; }));
-        failing->close();
-        healthy->close();
-    }
     server->close();
 }
 

@@ -16,6 +16,31 @@ check() {  # check NAME COMMAND...: counts a failure when the command fails
     checks=$((checks + 1))
     if "$@"; then echo "ok: $name"; else echo "FAILED: $name"; failures=$((failures + 1)); fi
 }
+# listening_port FILE: waits up to 10 s for "listening on URI" in FILE and prints the port.
+listening_port() {
+    local line
+    for _ in $(seq 100); do
+        line=$(grep -m1 'listening on ' "$1" 2>/dev/null) && { echo "${line##*:}"; return 0; }
+        sleep 0.1
+    done
+    return 1
+}
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+wait_accepting() {  # wait_accepting PORT: up to 5 s
+    for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0; sleep 0.1; done
+    return 1
+}
+# A CA ($tmp/ca.pem) and a localhost server certificate it signed ($tmp/server.pem and
+# $tmp/server.key), made here and never committed.
+make_certificates() {
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$tmp/ca.key" -out "$tmp/ca.pem" -days 2 -subj "/CN=test CA" 2>/dev/null
+    openssl req -newkey rsa:2048 -nodes -keyout "$tmp/server.key" -out "$tmp/server.csr" -subj "/CN=localhost" 2>/dev/null
+    printf 'subjectAltName=DNS:localhost\n' > "$tmp/san"
+    openssl x509 -req -in "$tmp/server.csr" -CA "$tmp/ca.pem" -CAkey "$tmp/ca.key" -CAcreateserial -days 2 \
+        -extfile "$tmp/san" -out "$tmp/server.pem" 2>/dev/null
+}
 summary() {  # the counts; fails when a check failed
     echo "$((checks - failures)) passed, $failures failed"
     [ "$failures" -eq 0 ]

@@ -5,9 +5,6 @@
 # peer is started here on loopback and stopped by its PID.
 set -uo pipefail
 source "$(dirname "$0")/harness.sh"
-free_port() {
-    /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
 wait_for() {  # wait_for FILE PATTERN: up to 10 s for a line matching PATTERN in FILE
     for _ in $(seq 100); do grep -q -- "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
     echo "  no '$2' in $1: $(head -c 2000 "$1" 2>/dev/null)"; return 1
@@ -17,11 +14,7 @@ port_of() {  # port_of NAME: the port of "NAME: listening on URI" in the run's o
     local line; line=$(grep -m1 "^$1: listening on " "$tmp/run.out"); line=${line##*:}; echo "${line%%/*}"
 }
 
-openssl req -x509 -newkey rsa:2048 -nodes -keyout "$tmp/ca.key" -out "$tmp/ca.pem" -days 2 -subj "/CN=run test CA" 2>/dev/null
-openssl req -newkey rsa:2048 -nodes -keyout "$tmp/server.key" -out "$tmp/server.csr" -subj "/CN=localhost" 2>/dev/null
-printf 'subjectAltName=DNS:localhost\n' > "$tmp/san"
-openssl x509 -req -in "$tmp/server.csr" -CA "$tmp/ca.pem" -CAkey "$tmp/ca.key" -CAcreateserial -days 2 \
-    -extfile "$tmp/san" -out "$tmp/server.pem" 2>/dev/null
+make_certificates
 
 echo_port=$(free_port)
 tls_port=$(free_port)

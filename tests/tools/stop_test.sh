@@ -9,9 +9,6 @@ wait_for() {  # wait_for FILE PATTERN: up to 5 s for a line matching PATTERN in 
     for _ in $(seq 50); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
     echo "  no '$2' in $1: $(cat "$1" 2>/dev/null)"; return 1
 }
-listening_port() {
-    wait_for "$1" '^listening on ' >/dev/null && { local line; line=$(grep -m1 '^listening on ' "$1"); echo "${line##*:}"; }
-}
 # stops_in_time PID STATUS STDERR_FILE [FRAGMENT]: the process still runs; after SIGTERM it
 # ends within a second with STATUS, and its stderr is empty or is FRAGMENT's one line.
 stops_in_time() {

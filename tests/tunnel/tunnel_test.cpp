@@ -20,7 +20,10 @@
 #include <vector>
 
 #include "corvane/uri.h"
+#include "channeltest.h"
 #include "echoserver.h"
+#include "expect.h"
+#include "pattern.h"
 #include "framework/channelfactory.h"
 #include "logcapture.h"
 #include "net/internalexception.h"
@@ -28,14 +31,6 @@
 #include "sockets.h"
 #include "tunnel/tunnelcreatorthread.h"
 #include "tunnel/tunnelstore.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define CORVANE_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define CORVANE_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
@@ -53,35 +48,18 @@ long cpuMillisecondsOver(std::chrono::milliseconds span) {
     return cpu() - before;
 }
 
-bool waitFor(const std::function<bool()> & done, int milliseconds = 5000) {
-    auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using corvane_test::waitFor;
+constexpr auto connectTo = corvane_test::LoopbackConnect;
+constexpr auto sendAll = corvane_test::SendAll;
+constexpr auto recvExact = corvane_test::RecvExact;
+constexpr auto seesEnd = corvane_test::SeesEndOf;
 
-// Bytes that differ per stream and per position, so that a mix-up or a reordering shows.
 std::string pattern(std::size_t size, unsigned seed = 0) {
-    std::string data(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-        data[i] = static_cast<char>((i * 131 + i / 251 + seed * 7919) & 0xff);
-    }
-    return data;
+    return corvane_test::Pattern(size, std::uint64_t{seed} << 32);
 }
 
 unsigned short portOf(const char * uri) {
     return net::URI::FromString(uri).getPort();
-}
-
-// A blocking loopback client whose reads give up after 5 s.
-int connectTo(unsigned short port) {
-    int fd = corvane_test::LoopbackConnect(port);
-    EXPECT_GE(fd, 0);
-    return fd;
 }
 
 // A listening target on 127.0.0.1, port 0, accepting only when the test asks.
@@ -102,13 +80,6 @@ struct RawTarget {
     unsigned short port;
 };
 
-constexpr auto sendAll = corvane_test::SendAll;
-constexpr auto recvExact = corvane_test::RecvExact;
-
-bool seesEnd(int fd) {
-    return corvane_test::SeesEndOf(fd);
-}
-
 // Names a target anew for each connection: the next URI of its list, the last one for ever.
 class TargetList : public net::IChannelEndpoint {
 public:
@@ -126,15 +97,10 @@ private:
     std::size_t m_next = 0;
 };
 
-class Tunnels : public ::testing::Test {
+class Tunnels : public corvane_test::ChannelTest {
 protected:
     void SetUp() override {
-        m_descriptors = corvane_test::CountOpenDescriptors();
-        net::SocketOptions options;
-        options.backlog = 128;
-        factory = new net::ChannelFactory(options);
-        reactor = new socketio::SelectReactor(5000, 300000, 5);
-        reactor->startProcessing();
+        ChannelTest::SetUp();
         store = new net::TunnelStore(reactor.get(), factory.get(), 65536);
     }
     void TearDown() override {
@@ -143,9 +109,7 @@ protected:
         EXPECT_EQ(store->serviceCount(), 0u);
         reactor->stopProcessing();
         store = nullptr;
-        factory = nullptr;
-        reactor = nullptr;
-        EXPECT_EQ(corvane_test::CountOpenDescriptors(), m_descriptors) << "a descriptor leaked";
+        ChannelTest::TearDown();
     }
     unsigned short startTunnel(const std::string & target, unsigned int bufferSize = 65536) {
         if (bufferSize != 65536) {
@@ -158,35 +122,8 @@ protected:
         return waitFor([this] { return store->tunnelCount() == 0; });
     }
 
-    Common::SmartPtr<net::IChannelFactory> factory;
-    Common::SmartPtr<socketio::SelectReactor> reactor;
     Common::SmartPtr<net::TunnelStore> store;
-
-private:
-    int m_descriptors = 0;
 };
-
-TEST_F(Tunnels, DataFlowsBothWaysByteForByteOnThePortTheSystemChose) {
-    corvane_test::LogCapture log("INFO");
-    corvane_test::EchoServer echo;
-    const std::string target = "tcp://127.0.0.1:" + std::to_string(echo.port());
-    net::ITunnelService * service = store->startTunnel("tcp://127.0.0.1", nullptr, target.c_str(), nullptr);
-    EXPECT_EQ(log.count("corvane.net.TunnelStore", "INFO",
-                        "startTunnel('tcp://127.0.0.1', '<null>', '" + target + "', '<null>')"),
-              1u);
-    unsigned short port = portOf(service->getLocalURI());
-    ASSERT_NE(port, 0) << service->getLocalURI();
-
-    int client = connectTo(port);
-    const std::string data = pattern(3 * 65536 + 123);
-    std::thread writer([&] { EXPECT_TRUE(sendAll(client, data)); });
-    std::string back = recvExact(client, data.size());
-    writer.join();
-    EXPECT_TRUE(back == data) << "got " << back.size() << " of " << data.size() << " bytes, or other bytes";
-    EXPECT_EQ(store->tunnelCount(), 2u);
-    close(client);
-    EXPECT_TRUE(drained());
-}
 
 TEST_F(Tunnels, RingFullStopsOnlyItsDirection) {
     RawTarget target;
@@ -230,24 +167,6 @@ TEST_F(Tunnels, RingFullStopsOnlyItsDirection) {
     EXPECT_TRUE(drained());
 }
 
-TEST_F(Tunnels, ClosingEitherSideClosesTheOther) {
-    RawTarget target;
-    unsigned short port = startTunnel(target.uri());
-    for (bool clientCloses : {true, false}) {
-        int client = connectTo(port);
-        int server = target.acceptWithin();
-        ASSERT_GE(server, 0);
-        ASSERT_TRUE(sendAll(client, "ping"));
-        EXPECT_EQ(recvExact(server, 4), "ping");
-        ASSERT_TRUE(sendAll(server, "pong"));
-        EXPECT_EQ(recvExact(client, 4), "pong");
-        close(clientCloses ? client : server);
-        EXPECT_TRUE(seesEnd(clientCloses ? server : client)) << (clientCloses ? "client" : "target") << " closed";
-        close(clientCloses ? server : client);
-        EXPECT_TRUE(drained());
-    }
-}
-
 // One line per connection when both ends are gone: who, where, the bytes each way as they
 // were delivered, and which side ended it.
 TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
@@ -256,7 +175,7 @@ TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
     corvane_test::ScopedBoundPort refusing;
     Common::SmartPtr<net::IChannelEndpoint> targets(
         new TargetList({target.uri(), target.uri(), target.uri(),
-                        "tcp://127.0.0.1:" + std::to_string(refusing.port())}));
+                        "tcp://127.0.0.1:" + std::to_string(refusing.port()), target.uri()}));
     const unsigned short port = portOf(store->startTunnel2("tcp://127.0.0.1:0", nullptr, targets.get())->getLocalURI());
     const auto lines = [&log] {
         std::vector<std::string> texts;
@@ -310,74 +229,34 @@ TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
                                   " ended after "), std::string::npos) << lines().back();
     EXPECT_NE(lines().back().find(": 0 bytes to the target, 0 bytes to the client, connect to the target failed: while "
                                   "connecting to"), std::string::npos) << lines().back();
-}
-
-TEST_F(Tunnels, RefusedTargetClosesTheClientAndTheNextConnectionIsServed) {
-    corvane_test::LogCapture log("WARN");
-    corvane_test::ScopedBoundPort refusing;
-    corvane_test::EchoServer echo;
-    Common::SmartPtr<net::IChannelEndpoint> targets(
-        new TargetList({"tcp://127.0.0.1:" + std::to_string(refusing.port()),
-                        "tcp://127.0.0.1:" + std::to_string(echo.port())}));
-    net::ITunnelService * service = store->startTunnel2("tcp://127.0.0.1:0", nullptr, targets.get());
-    unsigned short port = portOf(service->getLocalURI());
-
-    int first = connectTo(port);
-    EXPECT_TRUE(seesEnd(first));
-    close(first);
-    EXPECT_TRUE(waitFor([&] {
-        return log.countContaining("corvane.net.TunnelCreatorThread", "' exception caught:") == 1;
-    }));
-    EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread", "while creating a connection on behalf of '{TunnelEndPoint, tcp://127.0.0.1:"), 1u);
-
-    int second = connectTo(port);
-    ASSERT_TRUE(sendAll(second, "after the refusal"));
-    EXPECT_EQ(recvExact(second, 17), "after the refusal");
-    close(second);
+    EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread", "' exception caught:"), 1u);
+    EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread",
+                                  "while creating a connection on behalf of '{TunnelEndPoint, tcp://127.0.0.1:"), 1u);
+    // The refusal costs the next client nothing.
+    int client = connectTo(port);
+    int server = target.acceptWithin();
+    ASSERT_GE(server, 0);
+    ASSERT_TRUE(sendAll(client, "after the refusal"));
+    EXPECT_EQ(recvExact(server, 17), "after the refusal");
+    close(client);
+    close(server);
     EXPECT_TRUE(drained());
 }
 
-// Connections are opened by several workers at once, so their order at the target is free;
-// each client still gets a connection of its own.
-TEST_F(Tunnels, QuickConnectionsAreEachServedOnAConnectionOfTheirOwn) {
-    RawTarget target;
-    unsigned short port = startTunnel(target.uri());
-    int clients[3];
-    for (int i = 0; i < 3; ++i) {
-        clients[i] = connectTo(port);
-        ASSERT_TRUE(sendAll(clients[i], std::string(1, static_cast<char>('0' + i))));
-    }
-    std::string seen;
-    for (int i = 0; i < 3; ++i) {
-        int server = target.acceptWithin();
-        ASSERT_GE(server, 0);
-        seen += recvExact(server, 1);
-        close(server);
-    }
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(seen, "012");
-    for (int client : clients) {
-        EXPECT_TRUE(seesEnd(client));
-        close(client);
-    }
-    EXPECT_TRUE(drained());
-}
-
-TEST_F(Tunnels, MisuseIsRefusedWithItsText) {
-    corvane_test::LogCapture log("WARN");
+TEST_F(Tunnels, StartLineAndMisuseRefusedWithItsText) {
+    corvane_test::LogCapture log("INFO");
+    // No port: the system picks one.
+    net::ITunnelService * chosen = store->startTunnel("tcp://127.0.0.1", nullptr, "tcp://127.0.0.1:9", nullptr);
+    EXPECT_EQ(log.count("corvane.net.TunnelStore", "INFO", "startTunnel('tcp://127.0.0.1', '<null>', 'tcp://127.0.0.1:9', '<null>')"), 1u);
+    EXPECT_NE(portOf(chosen->getLocalURI()), 0) << chosen->getLocalURI();
+    chosen->close();
+    EXPECT_EQ(store->serviceCount(), 0u);
     EXPECT_THROW(store->startTunnel("tcp://127.0.0.1:0", "", "no uri at all", ""), net::URIException);
     EXPECT_THROW(store->startTunnel("not a uri", "", "tcp://127.0.0.1:1", ""), net::URIException);
     EXPECT_EQ(store->serviceCount(), 0u);
 
     Common::SmartPtr<net::TunnelCreatorThread> thread(new net::TunnelCreatorThread);
-    auto textOf = [](const std::function<void()> & action) -> std::string {
-        try {
-            action();
-        } catch (const net::InternalException & e) {
-            return e.what();
-        }
-        return "no exception";
-    };
+    const auto textOf = corvane_test::thrownText;
     EXPECT_EQ(textOf([&] { thread->stopProcessing(); }), "Thread already stopped");
     thread->startProcessing(store.get());
     EXPECT_EQ(textOf([&] { thread->startProcessing(store.get()); }), "Thread already running");
@@ -397,17 +276,14 @@ TEST_F(Tunnels, MisuseIsRefusedWithItsText) {
     RawTarget busy;
     EXPECT_THROW(store->startTunnel(busy.uri().c_str(), "", target.uri().c_str(), ""), net::RuntimeException);
     EXPECT_EQ(store->serviceCount(), 0u);
-}
-
-TEST_F(Tunnels, ShutdownOfAnUnusedStoreReturns) {
+    // A store that never served shuts down at once, twice.
     Common::SmartPtr<net::TunnelStore> unused(new net::TunnelStore(reactor.get(), factory.get(), 0));
     unused->shutdown();
     unused->shutdown();
-    EXPECT_EQ(unused->tunnelCount() + unused->serviceCount(), 0u);
 }
 
 TEST_F(Tunnels, HundredConcurrentTunnelsCarryCheckedData) {
-#ifdef CORVANE_SANITIZED
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     const std::size_t perConnection = 256 << 10;
 #else
     const std::size_t perConnection = 1 << 20;

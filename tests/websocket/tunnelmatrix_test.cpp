@@ -1,8 +1,9 @@
 // Tunnels between any two of the six schemes: for each (listen, target) pair a tunnel in
 // front of an echo server of the target's scheme carries 1 MiB both ways at once for a client
-// that speaks the listen scheme, and leaves no descriptor open behind it. Chains of tunnels
-// (raw tcp -> listen -> target -> raw tcp) show what each pair does with the ends of a
-// connection: a target that sends and closes at once, and a client that half-closes.
+// that speaks the listen scheme, beside a second connection opened at once, and leaves no
+// descriptor open behind it. TunnelMatrix of tunnels (raw tcp -> listen -> target -> raw tcp) show
+// what each pair does with the ends of a connection: a target that sends and closes at once,
+// and a client that half-closes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "expect.h"
+#include "pattern.h"
 #include "framework/channelfactory.h"
 #include "recordinghandler.h"
 #include "sockets.h"
@@ -49,136 +51,8 @@ std::string uriOn(const std::string & scheme) {
 }
 
 std::string pattern(std::size_t length, unsigned seed) {
-    std::string data(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) {
-        data[i] = static_cast<char>((i * 131 + seed + (i >> 11)) & 255);
-    }
-    return data;
+    return corvane_test::Pattern(length, std::uint64_t{seed} << 32);
 }
-
-TEST(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
-    Common::SmartPtr<socketio::SelectReactor> reactor(new socketio::SelectReactor(1000, 600000, 50));
-    reactor->startProcessing();
-    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
-    material();
-    const int descriptors = corvane_test::CountOpenDescriptors();
-    unsigned seed = 0;
-    for (const std::string listen : kSchemes) {
-        for (const std::string target : kSchemes) {
-            SCOPED_TRACE(listen + " -> " + target);
-            Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
-            const std::string targetUri = uriOn(target);
-            Common::SmartPtr<net::IChannelServer> echo(
-                factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), serverOptions().c_str()));
-            ASSERT_TRUE(echo);
-            const std::string listenUri = uriOn(listen);
-            Common::SmartPtr<net::ITunnelService> tunnel(store->startTunnel(
-                listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
-            ASSERT_TRUE(tunnel);
-
-            Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
-            Common::SmartPtr<net::IChannel> client(
-                factory->openChannel(reactor.get(), listenUri.c_str(), handler.get(), clientOptions().c_str()));
-            ASSERT_TRUE(client);
-            // Written from this thread while the echo comes back on the reactor's.
-            const std::string data = pattern(kBytes, ++seed);
-            std::size_t sent = 0;
-            EXPECT_TRUE(waitFor(
-                [&] {
-                    int n = client->getWriteDataStream()->send(
-                        static_cast<int>(std::min<std::size_t>(65536, kBytes - sent)), data.data() + sent);
-                    sent += n > 0 ? static_cast<std::size_t>(n) : 0;
-                    return sent == kBytes || n < 0;
-                },
-                20000));
-            EXPECT_TRUE(waitFor([&] { return handler->receivedSize() >= kBytes; }, 20000)) << handler->receivedSize();
-            EXPECT_TRUE(handler->received() == data);
-
-            client->close();
-            tunnel->close();
-            echo->close();
-            // The tunnel's outgoing connection ends with it.
-            EXPECT_TRUE(waitFor([&] { return acceptor->accepted() == 1 && acceptor->handlers[0]->ended(); }))
-                << "the target's connection did not end";
-            for (const auto & channel : acceptor->channels) {
-                channel->close();
-            }
-            acceptor->channels.clear();
-            acceptor->handlers.clear();
-        }
-    }
-    store->shutdown();
-    EXPECT_TRUE(waitFor([&] { return corvane_test::CountOpenDescriptors() <= descriptors; }, 10000))
-        << corvane_test::CountOpenDescriptors() << " open, " << descriptors << " before";
-    reactor->stopProcessing();
-}
-
-// A tunnel keys its end points by their channels' names: an accepted WebSocket channel must
-// have its names before the tunnel sees it, or the second connection at once is refused.
-TEST(TunnelMatrix, WebSocketListenersCarrySeveralConnectionsAtOnce) {
-    Common::SmartPtr<socketio::SelectReactor> reactor(new socketio::SelectReactor(1000, 600000, 50));
-    reactor->startProcessing();
-    Common::SmartPtr<net::ChannelFactory> factory(new net::ChannelFactory(net::SocketOptions()));
-    Common::SmartPtr<net::TunnelStore> store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
-    Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
-    const std::string targetUri = uriOn("tcp");
-    Common::SmartPtr<net::IChannelServer> echo(
-        factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), ""));
-    for (const std::string listen : {"ws", "wss"}) {
-        SCOPED_TRACE(listen);
-        const std::string listenUri = uriOn(listen);
-        Common::SmartPtr<net::ITunnelService> tunnel(store->startTunnel(
-            listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
-        std::vector<Common::SmartPtr<corvane_test::RecordingHandler>> handlers;
-        std::vector<Common::SmartPtr<net::IChannel>> clients;
-        for (int i = 0; i < 3; ++i) {
-            handlers.emplace_back(new corvane_test::RecordingHandler);
-            clients.emplace_back(
-                factory->openChannel(reactor.get(), listenUri.c_str(), handlers.back().get(), clientOptions().c_str()));
-        }
-        for (int i = 0; i < 3; ++i) {
-            handlers[i]->queue("connection " + std::to_string(i));
-        }
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_TRUE(waitFor([&] { return handlers[i]->received() == "connection " + std::to_string(i); }))
-                << i << ": " << handlers[i]->received();
-            clients[i]->close();
-        }
-        tunnel->close();
-    }
-    store->shutdown();
-    echo->close();
-    for (const auto & channel : acceptor->channels) {
-        channel->close();
-    }
-    reactor->stopProcessing();
-}
-
-// A tunnel from tcp to a WebSocket peer, on one reactor, with the store's usual ring size.
-struct TcpToWsTunnel {
-    explicit TcpToWsTunnel(const std::string & target)
-        : reactor(new socketio::SelectReactor(1000, 600000, 20)),
-          factory(new net::ChannelFactory(net::SocketOptions())),
-          store(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16)) {
-        reactor->startProcessing();
-        unsigned short port = 0;
-        close(corvane_test::LoopbackListen(port));
-        listenPort = port;
-        const std::string listen = "tcp://127.0.0.1:" + std::to_string(port) + "/";
-        service = store->startTunnel(listen.c_str(), "", target.c_str(), "EnableProxy=false");
-    }
-    ~TcpToWsTunnel() {
-        service->close();
-        store->shutdown();
-        reactor->stopProcessing();
-    }
-    Common::SmartPtr<socketio::SelectReactor> reactor;
-    Common::SmartPtr<net::ChannelFactory> factory;
-    Common::SmartPtr<net::TunnelStore> store;
-    Common::SmartPtr<net::ITunnelService> service;
-    unsigned short listenPort = 0;
-};
 
 // Sends without pause and reads what comes back until the connection ends or 10 s pass;
 // true when it ended.
@@ -205,39 +79,13 @@ bool pumpUntilEnd(int fd) {
 }
 
 std::string exchange(int fd, const std::string & text) {
-    send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-    std::string back(text.size(), '\0');
-    std::size_t got = 0;
-    while (got < back.size()) {
-        ssize_t n = recv(fd, &back[got], back.size() - got, 0);
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<std::size_t>(n);
-    }
-    return back.substr(0, got);
+    return corvane_test::SendAll(fd, text) ? corvane_test::RecvExact(fd, text.size()) : "";
 }
 
-// The target resets while the tunnel forwards to it: the failed send on the reactor thread
-// ends that connection alone, and another connection of the same tunnel goes on.
-TEST(TunnelToWebSocket, WsTargetResetDuringTunnelSendEndsOnlyThatConnection) {
-    corvane_test::PythonPeer target("reset", "262144");
-    TcpToWsTunnel tunnel(target.uri());
-    int bystander = corvane_test::LoopbackConnect(tunnel.listenPort);
-    ASSERT_EQ(exchange(bystander, "before"), "before");
-    for (int round = 0; round < 3; ++round) {
-        int client = corvane_test::LoopbackConnect(tunnel.listenPort);
-        EXPECT_TRUE(pumpUntilEnd(client)) << "round " << round;
-        close(client);
-    }
-    EXPECT_EQ(exchange(bystander, "after"), "after");
-    close(bystander);
-}
-
-// Every (listen, target) pair as the middle of a chain raw client -> tcp -> listen -> target
-// -> tcp -> raw target, all in one store whose small rings make sure that most of the bytes
-// are still inside the tunnels when a side ends.
-class Chains : public ::testing::Test {
+// A reactor, a factory and a store whose small rings make sure that most of the bytes are
+// still inside the tunnels when a side ends; everyPair() runs an exchange through a chain raw
+// client -> tcp -> listen -> target -> tcp -> raw target for every (listen, target) pair.
+class TunnelMatrix : public ::testing::Test {
 protected:
     void SetUp() override {
         material();
@@ -317,7 +165,67 @@ private:
     int m_descriptors = 0;
 };
 
-TEST_F(Chains, TargetThatSendsAndClosesAtOnceReachesTheClientWholeThroughEveryPair) {
+TEST_F(TunnelMatrix, EveryPairOfSchemesCarriesOneMiBBothWays) {
+    Common::SmartPtr<net::TunnelStore> wide(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
+    unsigned seed = 0;
+    for (const std::string listen : kSchemes) {
+        for (const std::string to : kSchemes) {
+            SCOPED_TRACE(listen + " -> " + to);
+            Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
+            const std::string targetUri = uriOn(to);
+            Common::SmartPtr<net::IChannelServer> echo(
+                factory->startChannelServer(reactor.get(), targetUri.c_str(), acceptor.get(), serverOptions().c_str()));
+            ASSERT_TRUE(echo);
+            const std::string listenUri = uriOn(listen);
+            Common::SmartPtr<net::ITunnelService> tunnel(wide->startTunnel(
+                listenUri.c_str(), serverOptions().c_str(), targetUri.c_str(), clientOptions().c_str()));
+            ASSERT_TRUE(tunnel);
+
+            Common::SmartPtr<corvane_test::RecordingHandler> handler(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> client(
+                factory->openChannel(reactor.get(), listenUri.c_str(), handler.get(), clientOptions().c_str()));
+            ASSERT_TRUE(client);
+            // A second connection at once: a tunnel keys its end points by their channels' names,
+            // which an accepted channel must have before the tunnel sees it.
+            Common::SmartPtr<corvane_test::RecordingHandler> second(new corvane_test::RecordingHandler);
+            Common::SmartPtr<net::IChannel> secondClient(
+                factory->openChannel(reactor.get(), listenUri.c_str(), second.get(), clientOptions().c_str()));
+            second->queue("second");
+            reactor->wakeUp();
+            // Written from this thread while the echo comes back on the reactor's.
+            const std::string data = pattern(kBytes, ++seed);
+            std::size_t sent = 0;
+            EXPECT_TRUE(waitFor(
+                [&] {
+                    int n = client->getWriteDataStream()->send(
+                        static_cast<int>(std::min<std::size_t>(65536, kBytes - sent)), data.data() + sent);
+                    sent += n > 0 ? static_cast<std::size_t>(n) : 0;
+                    return sent == kBytes || n < 0;
+                },
+                20000));
+            EXPECT_TRUE(waitFor([&] { return handler->receivedSize() >= kBytes; }, 20000)) << handler->receivedSize();
+            EXPECT_TRUE(handler->received() == data);
+            EXPECT_TRUE(waitFor([&] { return second->received() == "second"; })) << second->received();
+
+            client->close();
+            secondClient->close();
+            tunnel->close();
+            echo->close();
+            // The tunnel's outgoing connection ends with it.
+            EXPECT_TRUE(waitFor([&] {
+                return acceptor->accepted() == 2 && acceptor->handlers[0]->ended() && acceptor->handlers[1]->ended();
+            })) << "the target's connections did not end";
+            for (const auto & channel : acceptor->channels) {
+                channel->close();
+            }
+            acceptor->channels.clear();
+            acceptor->handlers.clear();
+        }
+    }
+    wide->shutdown();
+}
+
+TEST_F(TunnelMatrix, TargetThatSendsAndClosesAtOnceReachesTheClientWholeThroughEveryPair) {
     const std::string data = pattern(300000, 3);
     everyPair([&](int client, int server, bool) {
         EXPECT_TRUE(corvane_test::SendAll(server, data));
@@ -329,7 +237,7 @@ TEST_F(Chains, TargetThatSendsAndClosesAtOnceReachesTheClientWholeThroughEveryPa
 
 // Where both schemes carry a half-close, the client that shut down its sending side gets the
 // target's whole answer; where one cannot, the connection ends and nothing is left waiting.
-TEST_F(Chains, HalfClosingClientGetsItsReplyWhereThePairCarriesTheHalfClose) {
+TEST_F(TunnelMatrix, HalfClosingClientGetsItsReplyWhereThePairCarriesTheHalfClose) {
     const std::string request = pattern(70000, 5);
     const std::string reply = pattern(200000, 6);
     everyPair([&](int client, int server, bool halfClose) {
@@ -348,9 +256,29 @@ TEST_F(Chains, HalfClosingClientGetsItsReplyWhereThePairCarriesTheHalfClose) {
     });
 }
 
+// The target resets while the tunnel forwards to it: the failed send on the reactor thread
+// ends that connection alone, and another connection of the same tunnel goes on.
+TEST_F(TunnelMatrix, WsTargetResetDuringTunnelSendEndsOnlyThatConnection) {
+    corvane_test::PythonPeer resetting("reset", "262144");
+    // The store's usual ring size.
+    Common::SmartPtr<net::TunnelStore> usual(new net::TunnelStore(reactor.get(), factory.get(), 1 << 16));
+    const unsigned short port = net::URI::FromString(
+        usual->startTunnel("tcp://127.0.0.1:0", "", resetting.uri().c_str(), "EnableProxy=false")->getLocalURI()).getPort();
+    int bystander = corvane_test::LoopbackConnect(port);
+    ASSERT_EQ(exchange(bystander, "before"), "before");
+    for (int round = 0; round < 3; ++round) {
+        int client = corvane_test::LoopbackConnect(port);
+        EXPECT_TRUE(pumpUntilEnd(client)) << "round " << round;
+        close(client);
+    }
+    EXPECT_EQ(exchange(bystander, "after"), "after");
+    close(bystander);
+    usual->shutdown();
+}
+
 // A download from an HTTPS server through a tcp -> https tunnel arrives whole: the server
 // sends the file and closes, and everything the tunnel holds then still reaches the client.
-TEST_F(Chains, HttpsDownloadThroughATunnelArrivesWhole) {
+TEST_F(TunnelMatrix, HttpsDownloadThroughATunnelArrivesWhole) {
     const std::string file = pattern(10u << 20, 8);
     std::ofstream(material().directory + "/download.bin", std::ios::binary) << file;
     corvane_test::ChildProcess server({"sh", "-c",

@@ -35,30 +35,6 @@ const char * const kCategory = "corvane.websocket.WebSocketChannel";
 // Message sizes that cycle: single bytes, small frames, 16- and 64-bit length forms.
 const std::size_t kSizes[] = {1, 7, 125, 126, 1000, 4096, 65535, 65536, 200000, 3};
 
-// Sends `data` from onWrite in messages of the sizes above; records what it reads.
-class MixedSender : public corvane_test::RecordingHandler {
-public:
-    explicit MixedSender(std::string data) : m_data(std::move(data)) {}
-    bool hasPendingWrite() override { return m_sent < m_data.size(); }
-    void onWrite(net::IWriteDataStream * stream) override {
-        ++writes;
-        while (m_sent < m_data.size()) {
-            std::size_t want = std::min(kSizes[m_next % std::size(kSizes)], m_data.size() - m_sent);
-            int n = stream->send(static_cast<int>(want), m_data.data() + m_sent);
-            if (n <= 0) {
-                break;
-            }
-            m_sent += static_cast<std::size_t>(n);
-            ++m_next;
-        }
-    }
-
-private:
-    std::string m_data;
-    std::size_t m_sent = 0;  // reactor thread
-    std::size_t m_next = 0;
-};
-
 class WebSocketChannelTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -121,22 +97,6 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(, BothSchemes, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool> & param) { return param.param ? "wss" : "ws"; });
-
-TEST_P(BothSchemes, EchoesSixteenMiBInMixedMessagesByteForByte) {
-    std::unique_ptr<PythonPeer> echo = peer("echo");
-    const int descriptors = corvane_test::CountOpenDescriptors();
-    const std::string data = Pattern(16u << 20);
-    Common::SmartPtr<MixedSender> handler(new MixedSender(data));
-    Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
-    ASSERT_TRUE(waitFor([&] { return handler->receivedSize() >= data.size(); }, 60000));
-    EXPECT_TRUE(handler->received() == data);
-    EXPECT_EQ(handler->closes + handler->errors, 0);
-    channel->close();
-    channel->close();
-    EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
-    EXPECT_FALSE(subscribed(channel.get()));
-    EXPECT_EQ(corvane_test::CountOpenDescriptors(), descriptors);
-}
 
 TEST_F(WebSocketChannelTest, HandshakeCarriesTheFixedKeyAndNamesBothEnds) {
     corvane_test::LogCapture log("INFO");
@@ -305,11 +265,12 @@ private:
     std::uint64_t m_checked = 0;
 };
 
-// The host thread sends while the reactor reads the echo and answers the server's pings:
-// both enter the engine and the output ring, never at the same time.
+// The host thread sends messages of mixed sizes while the reactor reads the echo and answers
+// the server's pings: both enter the engine and the output ring, never at the same time.
 TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
     corvane_test::LogCapture log("WARN");
     std::unique_ptr<PythonPeer> echo = peer("echo", "0.25");
+    const int descriptors = corvane_test::CountOpenDescriptors();
     const std::uint64_t total = 64u << 20;
     Common::SmartPtr<PatternChecker> handler(new PatternChecker);
     Common::SmartPtr<WebSocketChannel> channel = start(*echo, handler.get());
@@ -346,6 +307,10 @@ TEST_P(BothSchemes, HostThreadAndReactorExchangeSixtyFourMiB) {
         ADD_FAILURE() << event.category << " " << event.level << " " << event.text;
     }
     channel->close();
+    channel->close();
+    EXPECT_EQ(channel->getSocket(), socketio::INVALID_SOCKET_HANDLE);
+    EXPECT_FALSE(subscribed(channel.get()));
+    EXPECT_EQ(corvane_test::CountOpenDescriptors(), descriptors);
 }
 
 // The reactor freed the number at the channel's end; the owner's close() after that must send
