@@ -76,14 +76,26 @@ short TCPChannel::getEventMask() noexcept {
     if (!m_channelHandler) {
         return socketio::SELECT_EVENT_READ;
     }
+    if (m_handlerFailed) {
+        return socketio::SELECT_EVENT_PENDING;
+    }
     short mask = 0;
-    if (!m_readEnded && (m_readInterest == nullptr || m_readInterest->wantsRead())) {
-        mask |= socketio::SELECT_EVENT_READ;
+    try {
+        if (!m_readEnded && (m_readInterest == nullptr || m_readInterest->wantsRead())) {
+            mask |= socketio::SELECT_EVENT_READ;
+        }
+        if (m_channelHandler->hasPendingWrite()) {
+            mask |= socketio::SELECT_EVENT_WRITE;
+        }
+    } catch (const std::exception & e) {
+        LOG4CXX_ERROR(logger, "exception caught in a handler of [" << m_description << "]: " << e.what());
+        m_handlerFailed = true;
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "unknown exception caught in a handler of [" << m_description << "]");
+        m_handlerFailed = true;
     }
-    if (m_channelHandler->hasPendingWrite()) {
-        mask |= socketio::SELECT_EVENT_WRITE;
-    }
-    return mask;
+    // A handler that failed is not asked again: the event that follows at once ends the channel.
+    return m_handlerFailed ? socketio::SELECT_EVENT_PENDING : mask;
 }
 
 bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexcept {
@@ -93,6 +105,13 @@ bool TCPChannel::onEvents(const short & events, const std::uint64_t & now) noexc
     }
     // A setChannelHandler or close from inside a callback must not destroy the running handler.
     Common::SmartPtr<net::IChannelHandler> handler = m_channelHandler;
+    if (m_handlerFailed) {
+        // It failed while asked for its mask: it hears of the end as of any failed connection.
+        if (handler) {
+            TellHandlerOfFailure(handler.get());
+        }
+        return false;
+    }
     bool ending = false;  // onClose or onError has been called: it was the handler's last call
     try {
         if ((events & socketio::SELECT_EVENT_READ) != 0 && !m_readEnded) {

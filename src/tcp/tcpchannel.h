@@ -103,6 +103,7 @@ private:
     // Set by the close() that lets go of the handler.
     std::atomic<bool> m_handlerReleased;
     bool m_abortiveLinger = true;
+    bool m_handlerFailed = false;  // reactor thread only: the handler threw from its mask
 };
 
 }  // namespace tcp
