@@ -474,16 +474,17 @@ bool TunnelEndPoint::sendWhatWaits() {
         return true;
     }
     // A client that has ended already: its end follows the bytes in the reactor's onWrite.
-    if (!m_peer->m_inputEnded) {
-        if (sendFromPeerRing_i(m_channel->getWriteDataStream()) < 0) {
-            return false;
-        }
-        // The channel's mask was read with nothing to write when it was taken in.
-        if (m_peer->m_filled.load(std::memory_order_relaxed) == 0) {
-            return true;
-        }
+    if (!m_peer->m_inputEnded && sendFromPeerRing_i(m_channel->getWriteDataStream()) < 0) {
+        return false;
     }
-    interestMayHaveChanged(m_channel.get(), storeReactor());
+    // Both channels' masks were read with nothing to write (no peer yet): each is named where
+    // the other side's ring holds bytes for it now, what the target sent before the join too.
+    if (m_peer->m_filled.load(std::memory_order_relaxed) > 0 || m_peer->m_inputEnded) {
+        interestMayHaveChanged(m_channel.get(), storeReactor());
+    }
+    if (m_filled.load(std::memory_order_relaxed) > 0 || m_inputEnded) {
+        interestMayHaveChanged(m_peer->m_channel.get(), storeReactor());
+    }
     return true;
 }
 

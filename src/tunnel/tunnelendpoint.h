@@ -92,8 +92,8 @@ public:
     // on. True when the tunnel is to end now (the caller closes it).
     bool afterJoin();
     // Creator thread, on the target's end point after afterJoin: what the client sent before
-    // the join goes out on this thread; the reactor is asked to look at the channel again only
-    // where some of it stays behind. False when the send failed (the caller closes the tunnel).
+    // the join goes out on this thread; the reactor is asked to look at a channel again only
+    // where bytes wait for it. False when the send failed (the caller closes the tunnel).
     bool sendWhatWaits();
     // Fixed once the channel is set; the store reads it as the key of its map.
     const std::string & getDescription() const { return m_description; }
