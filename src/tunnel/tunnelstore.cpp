@@ -7,7 +7,6 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/internalexception.h"
-#include "socketio/selectreactor.h"
 #include "tunnel/tunnelcreatorthread.h"
 #include "tunnel/tunnelendpoint.h"
 #include "tunnel/tunnelservice.h"

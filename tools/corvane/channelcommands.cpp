@@ -220,9 +220,8 @@ int commandServe(const Context & context, const std::vector<std::string> & args)
     options = withTimeLimit(options, "HandshakeTimeout", handshakeTimeout);
     // A server per reactor thread, all on one port (SO_REUSEPORT): each connection stays on
     // the reactor whose server accepted it.
-    net::SocketOptions socketOptions = hostSocketOptions();
-    socketOptions.reusePort = threads > 1 && portFree(uri);
-    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
+    Common::SmartPtr<net::IChannelFactory> factory(
+        context.module->createChannelFactory(sharedListenerOptions(threads, uri)));
     Common::SmartPtr<net::IChannelAcceptor> acceptor(new ServeAcceptor(echo));
     std::vector<Common::SmartPtr<net::IReactor>> reactors;
     std::vector<Common::SmartPtr<net::IChannelServer>> servers;

@@ -220,8 +220,10 @@ std::string listenOnReactors(const Context & context, int threads, const std::st
     return localURI;
 }
 
-bool portFree(const std::string & uri) {
-    return repeatFailedCall(uri, true, true) == 0;
+net::SocketOptions sharedListenerOptions(int threads, const std::string & uri) {
+    net::SocketOptions options = hostSocketOptions();
+    options.reusePort = threads > 1 && repeatFailedCall(uri, true, true) == 0;
+    return options;
 }
 
 int defaultThreads() {

@@ -53,10 +53,11 @@ std::string listenOnReactors(const Context & context, int threads, const std::st
                              std::vector<Common::SmartPtr<net::IReactor>> & reactors,
                              const std::function<std::string(net::IReactor *, const std::string &)> & listen,
                              const std::function<void()> & stopAll);
-// Whether a listener of the host's own could bind to `uri` now (as the library binds, with
-// SO_REUSEADDR). Listeners that share a port (SO_REUSEPORT) would also share it with another
-// process's: the host shares only a port that nobody holds, so that one in use still fails.
-bool portFree(const std::string & uri);
+// The socket options of the listeners that listenOnReactors starts on `uri`: the host's, with
+// SO_REUSEPORT where several reactors share the port. Listeners that share a port would also
+// share it with another process's: the host shares only a port that nobody holds now (as the
+// library binds, with SO_REUSEADDR), so that one in use still fails.
+net::SocketOptions sharedListenerOptions(int threads, const std::string & uri);
 // Raises the soft limit of open descriptors to the hard one: ten thousand connections need
 // more than the usual 1024. Called first in main; a refusal leaves the limit as it was.
 void raiseDescriptorLimit();

@@ -83,9 +83,8 @@ int commandTunnel(const cli::Context & context, const std::vector<std::string> &
 
     // One reactor per thread, each with a store of its own: both channels of a connection stay
     // on the reactor that accepted it, and the kernel spreads the connections (SO_REUSEPORT).
-    net::SocketOptions socketOptions = cli::hostSocketOptions();
-    socketOptions.reusePort = threads > 1 && cli::portFree(positional[0]);
-    Common::SmartPtr<net::IChannelFactory> factory(context.module->createChannelFactory(socketOptions));
+    Common::SmartPtr<net::IChannelFactory> factory(
+        context.module->createChannelFactory(cli::sharedListenerOptions(threads, positional[0])));
     std::vector<Common::SmartPtr<net::IReactor>> reactors;
     std::vector<Common::SmartPtr<net::ITunnelStore>> stores;
     auto stopAll = [&]() {
