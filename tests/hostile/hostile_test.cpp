@@ -232,8 +232,7 @@ TEST_F(Hostile, ServerSurvivesEveryClientOnEveryScheme) {
     corvane_test::LogCapture log("WARN");
     for (const std::string scheme : kSchemes) {
         SCOPED_TRACE(scheme);
-        unsigned short port = 0;
-        close(corvane_test::LoopbackListen(port));  // the WebSocket servers turn port 0 into 80
+        const unsigned short port = corvane_test::FreeLoopbackPort();  // the WebSocket servers turn port 0 into 80
         const std::string uri = scheme + "://127.0.0.1:" + std::to_string(port) + "/";
         Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
         Common::SmartPtr<net::IChannelServer> server(
@@ -277,8 +276,7 @@ TEST_F(Hostile, StalledHandshakeEndsOnTheLimitOnEveryServerScheme) {
         const bool tls = scheme != "ws";
         // A TLS record header announcing 16 KiB, or an upgrade request inside a header.
         const std::string opening = tls ? std::string("\x16\x03\x01\x40\x00", 5) : "GET / HTTP/1.1\r\nX-Slow: ";
-        unsigned short port = 0;
-        close(corvane_test::LoopbackListen(port));
+        const unsigned short port = corvane_test::FreeLoopbackPort();
         const std::string uri = scheme + "://127.0.0.1:" + std::to_string(port) + "/";
         Common::SmartPtr<corvane_test::TestAcceptor> acceptor(new corvane_test::TestAcceptor);
         Common::SmartPtr<net::IChannelServer> server(factory->startChannelServer(

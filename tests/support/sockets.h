@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <random>
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -70,8 +72,32 @@ inline void BoundBlockingCalls(int fd) {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
-// A loopback port that was free a moment ago, for servers that cannot be given port 0.
+// A loopback port that was free a moment ago, for servers that cannot be given port 0. It is
+// taken below the system's ephemeral range: a port the system handed out and got back could be
+// handed to any outgoing connection of the tests running beside this one before the server binds.
 inline unsigned short FreeLoopbackPort() {
+    unsigned low = 32768;
+    if (FILE * range = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r")) {
+        if (std::fscanf(range, "%u", &low) != 1) {
+            low = 32768;
+        }
+        std::fclose(range);
+    }
+    std::random_device seed;
+    std::minstd_rand pick(seed());
+    for (int attempt = 0; low > 10000 && attempt < 200; ++attempt) {
+        const unsigned short port = static_cast<unsigned short>(10000 + pick() % (low - 10000));
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        const bool free = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+        close(fd);
+        if (free) {
+            return port;
+        }
+    }
     unsigned short port = 0;
     close(LoopbackListen(port));
     return port;

@@ -359,8 +359,7 @@ TEST_F(TlsTransport, RecordSplitAcrossSegmentsRecordsHeldAheadAndCloseNotifyFrom
 
 TEST_F(TlsTransport, FailedStartsAndOpensLeaveNoSocketNoSubscriberAndNoPortBehind) {
     // A context failure after the bind frees the port again.
-    unsigned short port = 0;
-    close(corvane_test::LoopbackListen(port));
+    const unsigned short port = corvane_test::FreeLoopbackPort();
     const std::string uri = "ssl://127.0.0.1:" + std::to_string(port);
     const std::string missing = "CertificateFile=" + material().directory + "/missing.pem";
     EXPECT_THROW(factory->startChannelServer(reactor.get(), uri.c_str(), acceptor.get(), missing.c_str()),

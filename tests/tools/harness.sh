@@ -25,8 +25,23 @@ listening_port() {
     done
     return 1
 }
+# A port free a moment ago, below the ephemeral range: a port the system handed out and got back
+# could go to an outgoing connection of a test running beside this one before the server binds.
 free_port() {
-    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+    python3 -c '
+import random, socket
+low = int(open("/proc/sys/net/ipv4/ip_local_port_range").read().split()[0])
+for _ in range(200 if low > 10000 else 0):
+    s = socket.socket()
+    try:
+        s.bind(("127.0.0.1", random.randrange(10000, low)))
+        break
+    except OSError:
+        s.close()
+else:
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+print(s.getsockname()[1])'
 }
 wait_accepting() {  # wait_accepting PORT: up to 5 s
     for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0; sleep 0.1; done

@@ -45,9 +45,7 @@ const auto clientOptions = corvane_test::ClientOptions;
 
 // A port that was free a moment ago: several transports turn port 0 into their default port.
 std::string uriOn(const std::string & scheme) {
-    unsigned short port = 0;
-    close(corvane_test::LoopbackListen(port));
-    return scheme + "://127.0.0.1:" + std::to_string(port) + "/";
+    return scheme + "://127.0.0.1:" + std::to_string(corvane_test::FreeLoopbackPort()) + "/";
 }
 
 std::string pattern(std::size_t length, unsigned seed) {
