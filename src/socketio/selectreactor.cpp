@@ -214,6 +214,18 @@ void SelectReactor::registerSubscriber(ISelectEventSubscriber * subscriber) {
         return;
     }
     Common::ScopedLock guard(&m_lock);
+    if (m_bRunning && m_vectorCommand.empty()) {
+        // Taken in here, under the lock the reactor thread holds whenever it looks at the list:
+        // the caller goes on at once instead of waiting for that thread to wake up and take it.
+        // The reactor asks its mask before its next wait, which the wake-up below ends. With
+        // commands waiting, a post keeps the order in which they are carried out.
+        addSubscriber(subscriber, true);
+        if (m_vectorSelectEventSubscriber.size() == 1) {
+            m_conditionCommand.Signal();  // it waits for a first subscriber there, not in epoll
+        }
+        wakeUp_i();
+        return;
+    }
     CommandStatus status;
     // The command's own status tells the outcome: the subscriber may already have been taken
     // in and dropped again (a peer that closed at once) before this thread looks.
@@ -290,16 +302,16 @@ bool SelectReactor::hasFailedSubscriber(ISelectEventSubscriber * subscriber) {
     return false;
 }
 
-bool SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread) {
+bool SelectReactor::addSubscriber(ISelectEventSubscriber * subscriber, bool throwAtLimit) {
     LOG4CXX_TRACE(logger, "addSubscriber");
     if (m_vectorSelectEventSubscriber.size() + 1 < kSetCapacity) {
         subscriber->setReactor(this, Common::GetTickCount64());
         m_vectorSelectEventSubscriber.emplace_back(subscriber);
         m_interest[subscriber] = Interest{};
-        m_dirty.emplace_back(subscriber);
+        (onReactorThread() ? m_dirty : m_foreignDirty).emplace_back(subscriber);
         return true;
     }
-    if (fromReactorThread) {
+    if (throwAtLimit) {
         throw InternalException("too many open sockets", true);
     }
     m_vectorFailedSubscriber.emplace_back(subscriber);
@@ -586,8 +598,8 @@ void SelectReactor::ThreadMain() {
             m_vectorSelectEventSubscriber.clear();
             continue;
         }
-        // Only this thread changes the list and the interest, so every subscriber named by
-        // the wait is still registered here. Its mask is asked for again before its dispatch,
+        // Only this thread removes from the list and changes the interest (other threads add
+        // under the lock), so every subscriber named by the wait is still registered here. Its mask is asked for again before its dispatch,
         // so that it gets no event it stopped asking for while the wait ran.
         ready.clear();
         for (int i = 0; i < result; ++i) {

@@ -62,8 +62,8 @@ public:
     // refused and registered subscriber without calling them.
     void stopProcessing() override;
 
-    // Any thread; returns when the reactor thread has taken the subscriber in (it may have
-    // dropped it again by then, if its connection ended at once). Throws
+    // Any thread; returns when the subscriber is in the reactor's list (the reactor thread may
+    // have dropped it again by then, if its connection ended at once). Throws
     // socketio::InternalException "too many open sockets" at the limit and "select reactor is
     // no longer operational" when the reactor is not running.
     void registerSubscriber(ISelectEventSubscriber * subscriber);
@@ -146,8 +146,9 @@ private:
         short events;
     };
 
-    // Reactor thread only. addSubscriber answers false when it parked a refusal.
-    bool addSubscriber(ISelectEventSubscriber * subscriber, bool fromReactorThread);
+    // Under m_lock; removeSubscriber on the reactor thread only. addSubscriber answers false
+    // when it parked a refusal.
+    bool addSubscriber(ISelectEventSubscriber * subscriber, bool throwAtLimit);
     void removeSubscriber(ISelectEventSubscriber * subscriber);
     // True when it carried out commands: their posters are to be woken (m_conditionDone).
     bool processCommands_i();
@@ -189,10 +190,13 @@ private:
     bool m_bWakePending;                           // GUARDED_BY(m_lock)
     // epoll instance of the running reactor; made by startProcessing, closed by stopProcessing.
     int m_epollFd;
-    // Reactor thread only (it changes them, with or without m_lock).
+    // Under m_lock; a subscriber's entry is made by whoever registers it, and changed and
+    // dropped by the reactor thread only.
     std::unordered_map<ISelectEventSubscriber *, Interest> m_interest;
-    SubscriberList m_dirty;  // masks to ask for again before the next wait
-    // Named by interestChanged on other threads; moved to m_dirty before the next wait.
+    // Reactor thread only (with or without m_lock): masks to ask for again before the next wait.
+    SubscriberList m_dirty;
+    // Named by interestChanged and registerSubscriber on other threads; moved to m_dirty
+    // before the next wait.
     SubscriberList m_foreignDirty;  // GUARDED_BY(m_lock)
     std::uint64_t m_round;
     // Set by wakeUp: every mask is asked for again before the next wait.

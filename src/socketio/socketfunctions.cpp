@@ -42,11 +42,11 @@ int socketFamily(unsigned int socket) {
 
 // A blocking connect that a signal interrupts goes on in the background: wait for its end.
 // `limited`: the socket was made non-blocking (SOCK_NONBLOCK) for the limit; it leaves
-// blocking, as every caller expects it.
-bool connectBlocking(int fd, const sockaddr * address, socklen_t length, bool limited) {
+// blocking, as every caller expects it, unless `keepNonBlocking`.
+bool connectBlocking(int fd, const sockaddr * address, socklen_t length, bool limited, bool keepNonBlocking) {
     const bool done = connect(fd, address, length) == 0;
     const int connectErrno = errno;
-    if (limited) {
+    if (limited && !keepNonBlocking) {
         fcntl(fd, F_SETFL, O_RDWR);
     }
     if (done) {
@@ -94,7 +94,8 @@ bool connectBlocking(int fd, const sockaddr * address, socklen_t length, bool li
     return true;
 }
 
-unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket_options & options) {
+unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket_options & options,
+                     ConnectedTo * connected) {
     for (const addrinfo * entry : entries) {
         const bool limited = ConnectTimeLimit() != 0;
         // Under a limit the connect runs non-blocking, so that a silent address (a dropped
@@ -116,7 +117,16 @@ unsigned int attempt(const std::vector<const addrinfo *> & entries, const socket
             SocketClose(static_cast<unsigned int>(fd));
             throw;
         }
-        if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen, limited)) {
+        if (connectBlocking(fd, entry->ai_addr, entry->ai_addrlen, limited, connected != nullptr)) {
+            if (connected != nullptr) {
+                connected->nonBlocking = limited;
+                try {
+                    connected->peer = net::URI::FromSockAddr(entry->ai_addr, entry->ai_addrlen, true, "tcp");
+                } catch (...) {
+                    SocketClose(static_cast<unsigned int>(fd));
+                    throw;
+                }
+            }
             return static_cast<unsigned int>(fd);
         }
         SocketClose(static_cast<unsigned int>(fd));
@@ -171,7 +181,8 @@ void socket_options::configureListeningSocket(unsigned int socket) const {
     setInt(socket, SOL_SOCKET, SO_KEEPALIVE, keepAlive ? 1 : 0, "setsockopt[SO_KEEPALIVE]");
 }
 
-unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket_options & options) {
+unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket_options & options,
+                                        ConnectedTo * connected) {
     std::vector<const addrinfo *> ipv4;
     std::vector<const addrinfo *> ipv6;
     for (const addrinfo * entry = addresses; entry != nullptr; entry = entry->ai_next) {
@@ -183,17 +194,17 @@ unsigned int detail::ConnectToAddresses(const addrinfo * addresses, const socket
     }
     const auto & first = options.ipv6Only ? ipv6 : ipv4;
     const auto & second = options.ipv6Only ? ipv4 : ipv6;
-    unsigned int socket = attempt(first, options);
+    unsigned int socket = attempt(first, options, connected);
     if (socket == INVALID_SOCKET_HANDLE) {
-        socket = attempt(second, options);
+        socket = attempt(second, options, connected);
     }
     return socket;
 }
 
-unsigned int SocketConnect(const net::URI & uri, const socket_options & options) {
+unsigned int SocketConnect(const net::URI & uri, const socket_options & options, ConnectedTo * connected) {
     net::URI::SocketAddress addresses;
     uri.ToSockAddress(addresses, true);
-    unsigned int socket = detail::ConnectToAddresses(addresses.get(), options);
+    unsigned int socket = detail::ConnectToAddresses(addresses.get(), options, connected);
     if (socket == INVALID_SOCKET_HANDLE) {
         throw InternalException(("while connecting to " + uri.ToString()).c_str(), true);
     }
@@ -262,7 +273,8 @@ unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const sock
     socklen_t length = sizeof address;
     int fd;
     do {
-        fd = accept4(static_cast<int>(listenSocket), reinterpret_cast<sockaddr *>(&address), &length, SOCK_CLOEXEC);
+        fd = accept4(static_cast<int>(listenSocket), reinterpret_cast<sockaddr *>(&address), &length,
+                     SOCK_CLOEXEC | SOCK_NONBLOCK);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
         ShedConnectionWithSpareDescriptor(listenSocket);

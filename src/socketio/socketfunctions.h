@@ -1,5 +1,6 @@
 // The plain functions that turn a URI and settings into a socket. Caller's thread; they
-// block and are reentrant. Every socket they return is in blocking mode and close-on-exec.
+// block and are reentrant. Every socket they return is close-on-exec, and in blocking mode
+// unless said otherwise.
 #pragma once
 
 #include <netdb.h>
@@ -15,7 +16,14 @@ namespace socketio {
 // with options.ipv6Only), within the calling thread's ConnectTimeout if one is set (see
 // socketio::ConnectDeadlineScope), else with no time limit of its own. Throws
 // socketio::InternalException "while connecting to <uri>" when no address takes the connection.
-unsigned int SocketConnect(const net::URI & uri, const socket_options & options);
+// With `connected`, for a caller that hands the socket straight to a non-blocking channel:
+// the socket stays non-blocking if it was made so for the limit (connected->nonBlocking), and
+// connected->peer is the address that took the connection, so that nobody asks the socket.
+struct ConnectedTo {
+    bool nonBlocking = false;
+    net::URI peer;
+};
+unsigned int SocketConnect(const net::URI & uri, const socket_options & options, ConnectedTo * connected = nullptr);
 
 // Caller's thread, before a blocking call on `socket` while a connection is opened: waits
 // until it is ready for `events` (POLLIN, POLLOUT) within the calling thread's ConnectTimeout.
@@ -32,7 +40,7 @@ unsigned int SocketListen(const net::URI & uri, const socket_options & options);
 // At the descriptor limit (EMFILE, ENFILE) the waiting connection is accepted with the spare
 // descriptor and closed at once, so that the listening socket does not stay readable; errno is
 // then EMFILE. The new socket's options are those it inherits from a listening socket that
-// SocketListen set up with the same `options`: none is set on it again.
+// SocketListen set up with the same `options`: none is set on it again. It is non-blocking.
 unsigned int SocketAccept(unsigned int listenSocket, net::URI & peer, const socket_options & options);
 
 // Gives the process's spare descriptor up for a moment to accept and close one waiting
@@ -52,7 +60,8 @@ void SocketClose(unsigned int socket);
 namespace detail {
 // The connect walk over an already resolved list: the list of the preferred family first,
 // the other only if the first gave no socket. The invalid handle when none connected.
-unsigned int ConnectToAddresses(const addrinfo * addresses, const socket_options & options);
+unsigned int ConnectToAddresses(const addrinfo * addresses, const socket_options & options,
+                                ConnectedTo * connected = nullptr);
 }  // namespace detail
 
 }  // namespace socketio

@@ -31,7 +31,7 @@ int errorOrContinue(std::atomic<bool> & failureLogged) {
 }  // namespace
 
 TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home, const net::URI * peer,
-                       const net::URI * local)
+                       const net::URI * local, bool nonBlocking)
     : m_socket(socket),
       m_readInterest(nullptr),
       m_readEnd(nullptr),
@@ -41,9 +41,11 @@ TCPChannel::TCPChannel(unsigned int socket, socketio::SelectReactor * home, cons
       m_sendFailureLogged(false),
       m_closedByOwner(false),
       m_handlerReleased(false) {
-    // One call that sets only the non-blocking flag, without reading the others first.
-    int nonBlocking = 1;
-    ioctl(static_cast<int>(socket), FIONBIO, &nonBlocking);
+    if (!nonBlocking) {
+        // One call that sets only the non-blocking flag, without reading the others first.
+        int on = 1;
+        ioctl(static_cast<int>(socket), FIONBIO, &on);
+    }
     m_localURI = (local != nullptr ? *local : socketio::SocketLocalURI(socket, true, "tcp")).ToString();
     m_peerURI = (peer != nullptr ? *peer : socketio::SocketPeerURI(socket, "tcp")).ToString();
     m_description = m_localURI + " <-> " + m_peerURI;

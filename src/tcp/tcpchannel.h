@@ -33,9 +33,9 @@ public:
     // synchronises with it.
     // `peer` and `local`: the connection's addresses where the caller knows them already
     // (an accepted connection's peer, a server's bound address); the others are asked of the
-    // socket.
+    // socket. `nonBlocking`: the socket is in non-blocking mode already.
     explicit TCPChannel(unsigned int socket, socketio::SelectReactor * home = nullptr, const net::URI * peer = nullptr,
-                        const net::URI * local = nullptr);
+                        const net::URI * local = nullptr, bool nonBlocking = false);
     ~TCPChannel() override;
 
     const char * getLocalURI() const override { return m_localURI.c_str(); }

@@ -96,7 +96,7 @@ void TCPChannelServer::onAccept(unsigned int & socket, const net::URI & peer) no
     Common::SmartPtr<socketio::SelectReactor> reactor = m_homeReactor;
     try {
         LOG4CXX_INFO(logger, "onAccept '" << peer.ToString() << "'");
-        channel = new TCPChannel(socket, reactor.get(), &peer, m_connectionLocal.get());
+        channel = new TCPChannel(socket, reactor.get(), &peer, m_connectionLocal.get(), true);
         // The accepted socket has the listener's options.
         channel->setAbortiveLinger(m_socketOptions.linger);
         handler = m_acceptor->accept(channel.get());

@@ -42,14 +42,19 @@ net::IChannel * TCPTransportProtocol::openChannel(net::IReactor * reactor, const
     net::OptionMap optionMap;
     optionMap.parse(options);
     unsigned int socket;
-    if (net::OptionMap::isTrue(optionMap.get("EnableProxy", "false"))) {
-        socket = socketio::SocketConnectAttemptProxy(parsedUri, proxyResolver(), m_socketOptions);
+    // A direct connection tells where it went and may stay non-blocking: the channel asks
+    // the socket neither.
+    const bool direct = !net::OptionMap::isTrue(optionMap.get("EnableProxy", "false"));
+    socketio::ConnectedTo connected;
+    if (direct) {
+        socket = socketio::SocketConnect(parsedUri, m_socketOptions, &connected);
     } else {
-        socket = socketio::SocketConnect(parsedUri, m_socketOptions);
+        socket = socketio::SocketConnectAttemptProxy(parsedUri, proxyResolver(), m_socketOptions);
     }
     Common::SmartPtr<TCPChannel> channel;
     try {
-        channel = new TCPChannel(socket);
+        channel = direct ? new TCPChannel(socket, nullptr, &connected.peer, nullptr, connected.nonBlocking)
+                         : new TCPChannel(socket);
         channel->setAbortiveLinger(m_socketOptions.linger);
         channel->setChannelHandler(handler);
         if (selectReactor == nullptr) {

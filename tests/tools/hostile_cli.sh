@@ -151,10 +151,12 @@ next_client_served() {  # next_client_served SCHEME ECHO_PORT
     local tunnel=$! port; port=$(listening_port "$tmp/tunnel_$1.out")
     local clients=()
     for _ in $(seq 20); do sleep 30 | socat -u - "TCP:127.0.0.1:$port" 2>/dev/null & clients+=($!); done
-    for _ in $(seq 50); do
-        [ "$(ss -Htn state established "( dport = :$port )" | wc -l)" -ge 20 ] && break; sleep 0.1
+    # The gate must hold its 16 before the served client comes: under a sanitizer the workers'
+    # connects reach it seconds after the accepts, in any order.
+    local gate; gate=$(cat "$tmp/gate_$1.port")
+    for _ in $(seq 200); do
+        [ "$(ss -Htn state established "( dport = :$gate )" | wc -l)" -ge 16 ] && break; sleep 0.1
     done
-    sleep 0.2
     # The client keeps its side open (a half-close would end a WebSocket pair at once) until
     # the echo comes, for 20 s at most: a sanitizer's build is slow to make 16 TLS contexts.
     local answer; answer=$(timeout 25 python3 -c '
