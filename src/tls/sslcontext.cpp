@@ -275,13 +275,18 @@ void SSLContext::setup(bool /*unused*/) {
     // owner per target. The session id context is the same for every context of this module:
     // a server that asks for client certificates may not resume without one. Off, every
     // connection is a full handshake.
+    // A TLS 1.3 server sends its tickets after every handshake, two unless told: one is
+    // enough for a client that keeps one session per target, and none is sent where nothing
+    // may be resumed (each would cost a session copy and a record for nothing).
     if (sessionResumption()) {
         static const unsigned char sessionContext[] = "corvane";
         SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_SERVER);
         SSL_CTX_set_session_id_context(m_ctx, sessionContext, sizeof sessionContext - 1);
+        SSL_CTX_set_num_tickets(m_ctx, 1);
     } else {
         SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_OFF);
         SSL_CTX_set_options(m_ctx, SSL_OP_NO_TICKET);
+        SSL_CTX_set_num_tickets(m_ctx, 0);
     }
     SSL_CTX_set_options(m_ctx, SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION);
     // 16. Automatic ECDH curves; always on in OpenSSL 3, where this call only returns 1.
