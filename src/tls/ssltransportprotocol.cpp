@@ -1,6 +1,6 @@
 #include "tls/ssltransportprotocol.h"
 
-#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
 #include <poll.h>
@@ -56,15 +56,17 @@ struct HandleGuard {
 };
 
 // SSL_connect on the blocking socket. Under a ConnectTimeout the socket is non-blocking for
-// the handshake and each wait for the server is bounded by what remains of the limit, so that a
-// server that accepts and never answers (or drips) cannot hold the caller.
-int connectWithinTime(SSL * ssl, unsigned int socket, const std::string & host) {
+// the handshake (`nonBlocking`: it is already) and stays so, and each wait for the server is
+// bounded by what remains of the limit, so that a server that accepts and never answers (or
+// drips) cannot hold the caller.
+int connectWithinTime(SSL * ssl, unsigned int socket, bool nonBlocking, const std::string & host) {
     if (socketio::ConnectTimeLimit() == 0) {
         return SSL_connect(ssl);
     }
-    const int fd = static_cast<int>(socket);
-    const int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    if (!nonBlocking) {
+        int on = 1;
+        ioctl(static_cast<int>(socket), FIONBIO, &on);
+    }
     int result;
     for (;;) {
         ERR_clear_error();
@@ -78,7 +80,6 @@ int connectWithinTime(SSL * ssl, unsigned int socket, const std::string & host) 
             break;
         }
         if (!socketio::WaitWithinConnectTime(socket, events)) {
-            fcntl(fd, F_SETFL, flags);
             ERR_clear_error();
             throw InternalException(("TLS/SSL handshake with '" + host + "' not done within ConnectTimeout=" +
                                      std::to_string(socketio::ConnectTimeLimit()) + " ms")
@@ -86,7 +87,6 @@ int connectWithinTime(SSL * ssl, unsigned int socket, const std::string & host) 
                                     true);
         }
     }
-    fcntl(fd, F_SETFL, flags);
     return result;
 }
 
@@ -108,12 +108,16 @@ void SSLTransportProtocol::ensureLibrary() {
     std::call_once(m_libraryOnce, [this] { m_library.reset(new SSLLibraryGuard); });
 }
 
-unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy) {
+unsigned int SSLTransportProtocol::connect(const net::URI & uri, bool viaProxy, bool & nonBlocking) {
+    nonBlocking = false;
     if (viaProxy) {
         std::call_once(m_proxyResolverOnce, [this] { m_proxyResolver.reset(ProxyResolver::createResolver()); });
         return socketio::SocketConnectAttemptProxy(uri, m_proxyResolver.get(), m_socketOptions);
     }
-    return socketio::SocketConnect(uri, m_socketOptions);
+    socketio::ConnectedTo connected;
+    const unsigned int socket = socketio::SocketConnect(uri, m_socketOptions, &connected);
+    nonBlocking = connected.nonBlocking;
+    return socket;
 }
 
 bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::OptionMap & optionMap, bool viaProxy,
@@ -125,7 +129,8 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     std::shared_ptr<tools::SSLContext> context = m_clientContexts.get(optionMap);
     socketio::RestartConnectDeadline();
     HandleGuard guard;
-    guard.socket = connect(parsedUri, viaProxy);
+    bool nonBlocking = false;
+    guard.socket = connect(parsedUri, viaProxy, nonBlocking);
     if (guard.socket == socketio::INVALID_SOCKET_HANDLE) {
         return false;
     }
@@ -134,6 +139,9 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     if (guard.ssl == nullptr) {
         throw tools::SSLException();
     }
+    // A record's header and its body in one read, not two. What is read beyond the handshake
+    // stays in the SSL object, where the channel made of it looks first.
+    SSL_set_read_ahead(guard.ssl, 1);
     const std::string host = parsedUri.getHost();
     ClientContextCache::prepareConnection(guard.ssl, host + ':' + std::to_string(parsedUri.getPort()));
     ERR_clear_error();
@@ -146,8 +154,8 @@ bool SSLTransportProtocol::connectSecure(const net::URI & parsedUri, const net::
     if (!SSL_set_socket(guard.ssl, guard.socket)) {
         throw tools::SSLException();
     }
-    // Blocking: the socket is still in blocking mode; within ConnectTimeout if one is set.
-    result = connectWithinTime(guard.ssl, guard.socket, host);
+    // Blocking, or within ConnectTimeout if one is set.
+    result = connectWithinTime(guard.ssl, guard.socket, nonBlocking, host);
     if (result <= 0) {
         std::string text = tools::sslErrorText(SSL_get_error(guard.ssl, result), "SSL_connect", nullptr);
         // "certificate verify failed" alone does not tell an expired certificate from an

@@ -40,17 +40,20 @@ public:
     net::IChannelServer * startChannelServer(net::IReactor * reactor, const char * uri,
                                              net::IChannelAcceptor * acceptor, const char * options) override;
 
-    // The client connection of openChannel up to a finished TLS handshake and name check, on
-    // a socket still blocking: true with `socket` and `ssl` handed to the caller; false when
-    // the connect gave no socket. Throws as openChannel does, and then leaves nothing open.
+    // The client connection of openChannel up to a finished TLS handshake and name check:
+    // true with `socket` and `ssl` handed to the caller; false when the connect gave no socket.
+    // The socket is non-blocking if a ConnectTimeout bounded the handshake, else blocking;
+    // the caller's channel sets the mode it needs. Throws as openChannel does, and then
+    // leaves nothing open.
     bool connectSecure(const net::URI & uri, const net::OptionMap & options, bool viaProxy, unsigned int & socket,
                        SSL *& ssl);
 
 private:
     void ensureLibrary();
     // The connect of openChannel: through the system's proxies when `viaProxy`, else direct.
-    // A connected, blocking socket; throws when none could be made.
-    unsigned int connect(const net::URI & uri, bool viaProxy);
+    // A connected socket, blocking unless `nonBlocking` says it came non-blocking (a direct
+    // connect under a ConnectTimeout); throws when none could be made.
+    unsigned int connect(const net::URI & uri, bool viaProxy, bool & nonBlocking);
 
     socketio::socket_options m_socketOptions;
     std::once_flag m_libraryOnce;

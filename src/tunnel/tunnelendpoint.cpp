@@ -525,6 +525,9 @@ void TunnelEndPoint::recordEnd_i(const std::string & how) {
         return;
     }
     record.logged = true;
+    if (!connectionLogger->isInfoEnabled()) {
+        return;
+    }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - record.started).count();
     char duration[32];
