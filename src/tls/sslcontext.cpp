@@ -6,11 +6,15 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 #include <openssl/pkcs12.h>
+#include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <utility>
 
 #include "common/logging.h"
@@ -22,6 +26,28 @@ namespace tools {
 
 namespace {
 const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.tools.SSLContext");
+
+// The keys that seal the session tickets of every context of the same settings, made when
+// those settings are first set up. A port served by several reactors has one context per
+// reactor: with keys of their own, a ticket would resume only on the one that issued it.
+// Settings that differ in anything keep apart, so that no session crosses into a server that
+// would have judged its client differently.
+std::mutex g_ticketKeysMutex;
+std::map<std::string, std::array<unsigned char, 80>> g_ticketKeys;  // GUARDED_BY(g_ticketKeysMutex)
+
+void shareTicketKeys(SSL_CTX * ctx, const std::string & settings) {
+    std::lock_guard<std::mutex> guard(g_ticketKeysMutex);
+    auto found = g_ticketKeys.find(settings);
+    if (found == g_ticketKeys.end()) {
+        std::array<unsigned char, 80> keys{};
+        if (RAND_priv_bytes(keys.data(), static_cast<int>(keys.size())) != 1) {
+            ERR_clear_error();
+            return;  // the context keeps the keys of its own
+        }
+        found = g_ticketKeys.emplace(settings, keys).first;
+    }
+    static_cast<void>(SSL_CTX_set_tlsext_ticket_keys(ctx, found->second.data(), static_cast<long>(found->second.size())));
+}
 
 // The fixed Diffie-Hellman group for DHE suites: a 2236-bit safe prime (made once with
 // "openssl dhparam 2236"), big-endian, and generator 2. A fixed group spares every context
@@ -283,6 +309,9 @@ void SSLContext::setup(bool /*unused*/) {
         SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_SERVER);
         SSL_CTX_set_session_id_context(m_ctx, sessionContext, sizeof sessionContext - 1);
         SSL_CTX_set_num_tickets(m_ctx, 1);
+        shareTicketKeys(m_ctx, m_CertificateFile + '\n' + m_PrivateKeyFile + '\n' + m_NoCertify + '\n' +
+                                   m_LoadCryptoCertStore + '\n' + m_CAFile + '\n' + m_CAPath + '\n' + m_PKCS12File +
+                                   '\n' + m_CipherList + '\n' + m_EnableWeakMethods);
     } else {
         SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_OFF);
         SSL_CTX_set_options(m_ctx, SSL_OP_NO_TICKET);
