@@ -599,8 +599,9 @@ void SelectReactor::ThreadMain() {
             continue;
         }
         // Only this thread removes from the list and changes the interest (other threads add
-        // under the lock), so every subscriber named by the wait is still registered here. Its mask is asked for again before its dispatch,
-        // so that it gets no event it stopped asking for while the wait ran.
+        // under the lock), so every subscriber named by the wait is still registered here.
+        // Its mask is asked for again before its dispatch, so that it gets no event it stopped
+        // asking for while the wait ran.
         ready.clear();
         for (int i = 0; i < result; ++i) {
             auto * subscriber = static_cast<ISelectEventSubscriber *>(events[static_cast<std::size_t>(i)].data.ptr);
