@@ -68,6 +68,13 @@ void TCPChannel::close() {
 
 void TCPChannel::setChannelHandler(net::IChannelHandler * handler) {
     LOG4CXX_TRACE(logger, "setChannelHandler");
+    // The previous handler is released after the lock, so that its destructor runs unlocked.
+    Common::SmartPtr<net::IChannelHandler> previous;
+    // Under the reactor's lock, where the reactor asks the handler for the mask; and an
+    // accepted channel's server hands it its handler on the reactor thread while a creator
+    // thread may already close it (a tunnel whose target failed at once).
+    socketio::SelectReactor::ForeignThreadGuard guard(m_homeReactor.get());
+    previous = std::move(m_channelHandler);
     m_channelHandler = handler;
     m_readInterest = dynamic_cast<socketio::IReadInterest *>(handler);
     m_readEnd = dynamic_cast<socketio::IReadEnd *>(handler);

@@ -194,7 +194,12 @@ stops_promptly() {  # stops_promptly SCHEME
     local tunnel=$! port; port=$(listening_port "$tmp/stop_$1.out")
     local clients=()
     for _ in $(seq 4); do sleep 30 | socat -u - "TCP:127.0.0.1:$port" 2>/dev/null & clients+=($!); done
-    sleep 0.5
+    # The stop is timed once all four hang in their handshakes: a sanitizer's build takes a
+    # while to make the TLS context before it connects, and no stop cuts that short.
+    local gate; gate=$(cat "$tmp/silent_$1.port")
+    for _ in $(seq 200); do
+        [ "$(ss -Htn state established "( dport = :$gate )" | wc -l)" -ge 4 ] && break; sleep 0.1
+    done
     local start=$SECONDS status
     kill -TERM "$tunnel"; wait "$tunnel"; status=$?
     kill "${clients[@]}" 2>/dev/null
