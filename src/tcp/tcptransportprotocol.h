@@ -28,6 +28,8 @@ public:
     net::IChannelServer * startChannelServer(net::IReactor * reactor, const char * uri,
                                              net::IChannelAcceptor * acceptor, const char * options) override;
 
+    const socketio::socket_options & socketOptions() const { return m_socketOptions; }
+
 protected:
     socketio::socket_options m_socketOptions;
     // Made at the first connection that asks for a proxy: making one starts the system's

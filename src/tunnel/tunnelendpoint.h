@@ -5,7 +5,8 @@
 // TLS) and the other direction flows on; the tunnel ends when both directions have ended, or
 // at once when a send fails.
 // Kept alive by its channel (as handler), the store's map and its peer; closing drops all three.
-// Callbacks run on the reactor thread, close() on any thread, setChannel on the creator thread.
+// Callbacks run on the reactor thread, close() on any thread, setChannel and the join on the
+// creator thread (on the reactor thread where DirectConnect opened the target's connection).
 #pragma once
 
 #include <atomic>
@@ -80,7 +81,8 @@ public:
     // Any thread. Closes the own channel and the peer; harmless when repeated. `how` tells the
     // connection's end line why, when this is the first end to close.
     void close(const char * how = "closed by the host");
-    // Creator thread: the connection to `targetURI` failed with `failure`; closes the tunnel.
+    // Creator thread (or DirectConnect's reactor thread): the connection to `targetURI` failed
+    // with `failure`; closes the tunnel.
     void closeFailedConnect(const std::string & targetURI, const std::string & failure);
     // Takes the shared lock. Null keeps the texts as they were.
     void setChannel(IChannel * channel);
@@ -88,10 +90,10 @@ public:
     // Any thread; takes the shared lock of both (one lock). Joins the two halves of a tunnel:
     // false, and nothing joined, when `second` has already closed.
     static bool JoinPair(TunnelEndPoint * first, TunnelEndPoint * second);
-    // Creator thread, after the pair is joined: the ends that came before the join are passed
+    // Joining thread, after the pair is joined: the ends that came before the join are passed
     // on. True when the tunnel is to end now (the caller closes it).
     bool afterJoin();
-    // Creator thread, on the target's end point after afterJoin: what the client sent before
+    // Joining thread, on the target's end point after afterJoin: what the client sent before
     // the join goes out on this thread; the reactor is asked to look at a channel again only
     // where bytes wait for it. False when the send failed (the caller closes the tunnel).
     bool sendWhatWaits();
@@ -101,6 +103,7 @@ public:
 private:
     friend class TunnelStore;  // joins a pair under the shared lock (connectEndpoints)
     friend class TunnelCreatorThread;  // skips the target of a client that has gone
+    friend class DirectConnect;        // the same, on the reactor thread
 
     // Shared lock held: passes on the ends of directions whose rings have been delivered.
     // True when the tunnel is to end now (the caller closes it, outside the lock).

@@ -16,7 +16,11 @@ const log4cxx::LoggerPtr logger = Common::GetLogger("corvane.net.TunnelService")
 
 TunnelService::TunnelService(TunnelCreatorThread * thread, TunnelStore * store, IChannelEndpoint * endpoint,
                              unsigned int bufferSize)
-    : m_creatorThread(thread), m_store(store), m_bufferSize(bufferSize), m_endpoint(endpoint) {}
+    : m_creatorThread(thread),
+      m_store(store),
+      m_bufferSize(bufferSize),
+      m_endpoint(endpoint),
+      m_directTarget(DirectConnect::TargetOf(endpoint, store->getFactory())) {}
 
 TunnelService::~TunnelService() = default;
 
@@ -74,7 +78,9 @@ IChannelHandler * TunnelService::accept(IChannel * channel) {
     try {
         m_store->storeTunnel(endPoint.get());
         stored = true;
-        m_creatorThread->submit(endPoint, m_endpoint.get());
+        if (!m_directTarget || !DirectConnect::Start(m_directTarget, m_store.get(), endPoint.get())) {
+            m_creatorThread->submit(endPoint, m_endpoint.get());
+        }
     } catch (...) {
         // Nothing would ever close it: undo, and the server closes the socket.
         if (stored) {

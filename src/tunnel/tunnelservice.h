@@ -1,14 +1,17 @@
 // net::TunnelService: the listening side of one tunnel, the acceptor of its channel server.
 // For each accepted channel it makes the tunnel's shared lock and first end point and queues
-// the outgoing half on the creator thread. Held by the store's map (and by its server, as
+// the outgoing half on the creator thread (or, for a tcp address, opens it on the reactor
+// thread: DirectConnect). Held by the store's map (and by its server, as
 // acceptor); the end points do not hold it, so running tunnels outlive it.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "common/lock.h"
 #include "corvane/channel.h"
+#include "tunnel/directconnect.h"
 
 namespace net {
 
@@ -42,6 +45,8 @@ private:
     Common::SmartPtr<IChannelServer> m_server;              // GUARDED_BY(m_lock)
     // Written once by setServer, before the service enters the store's map.
     std::string m_localURI;
+    // Fixed at construction: a target whose connections open on the reactor thread.
+    const std::shared_ptr<const DirectConnect::Target> m_directTarget;
 };
 
 }  // namespace net

@@ -7,6 +7,7 @@
 #include "common/logging.h"
 #include "corvane/uri.h"
 #include "net/internalexception.h"
+#include "tunnel/directconnect.h"
 #include "tunnel/tunnelcreatorthread.h"
 #include "tunnel/tunnelendpoint.h"
 #include "tunnel/tunnelservice.h"
@@ -23,21 +24,6 @@ const char * logText(const char * value) {
 const char * text(const char * value) {
     return value != nullptr ? value : "";
 }
-
-// A fixed target, as startTunnel names it.
-class SimpleEndpoint : public IChannelEndpoint {
-public:
-    SimpleEndpoint(const char * uri, const char * options) : m_uri(text(uri)), m_options(text(options)) {}
-
-    void getEndpoint(std::string & uri, std::string & options) override {
-        uri = m_uri;
-        options = m_options;
-    }
-
-private:
-    const std::string m_uri;
-    const std::string m_options;
-};
 }  // namespace
 
 TunnelStore::TunnelStore(IReactor * reactor, IChannelFactory * factory, unsigned int bufferSize)
@@ -52,7 +38,7 @@ ITunnelService * TunnelStore::startTunnel(const char * localURI, const char * lo
     LOG4CXX_INFO(logger, "startTunnel('" << logText(localURI) << "', '" << logText(localOptions) << "', '"
                                          << logText(remoteURI) << "', '" << logText(remoteOptions) << "')");
     URI::FromString(text(remoteURI));
-    Common::SmartPtr<IChannelEndpoint> endpoint(new SimpleEndpoint(remoteURI, remoteOptions));
+    Common::SmartPtr<IChannelEndpoint> endpoint(new FixedEndpoint(remoteURI, remoteOptions));
     return static_cast<ITunnelStore *>(this)->startTunnel2(localURI, localOptions, endpoint.get());
 }
 
@@ -153,9 +139,14 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, const std::string & ur
                                                               options.c_str()));
     // Taken: this worker need not keep the channel (and its ring) for its next connection.
     Common::KeepForCaller(nullptr);
+    joinTarget(peer, newEndPoint.get(), channel, uri);
+}
+
+void TunnelStore::joinTarget(TunnelEndPoint * peer, TunnelEndPoint * newEndPoint, Common::SmartPtr<IChannel> & channel,
+                             const std::string & uri) {
     try {
         newEndPoint->setChannel(channel.get());
-        storeTunnel(newEndPoint.get());
+        storeTunnel(newEndPoint);
     } catch (...) {
         // The channel runs already, with the new end point as its handler: nothing else would
         // ever close it.
@@ -165,9 +156,9 @@ void TunnelStore::connectEndpoints(TunnelEndPoint * peer, const std::string & ur
     }
     // The target may have ended its connection before the pair is joined; its onClose then
     // found neither a peer nor (before storeTunnel) an entry in the map.
-    const bool targetEnded = !TunnelEndPoint::JoinPair(peer, newEndPoint.get());
+    const bool targetEnded = !TunnelEndPoint::JoinPair(peer, newEndPoint);
     if (targetEnded) {
-        removeTunnel(newEndPoint.get());
+        removeTunnel(newEndPoint);
         {
             Common::ScopedLock guard(&peer->getLock()->m_lock);
             channel = nullptr;

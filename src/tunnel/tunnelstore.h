@@ -59,6 +59,14 @@ public:
     // point of `peer`'s tunnel and joins the pair. Every failure is an exception; the caller
     // closes `peer`.
     void connectEndpoints(TunnelEndPoint * peer, const std::string & uri, const std::string & options);
+    // The second half of connectEndpoints, also for a connection opened on the reactor thread:
+    // `newEndPoint` is `channel`'s handler, the channel runs; stores and joins the pair and
+    // passes on what came before the join. Every failure is an exception; the caller closes
+    // `peer`.
+    void joinTarget(TunnelEndPoint * peer, TunnelEndPoint * newEndPoint, Common::SmartPtr<IChannel> & channel,
+                    const std::string & uri);
+    IChannelFactory * getFactory() const { return m_factory.get(); }
+    std::uint32_t getBufferSize() const { return m_bufferSize; }
 
     // Any thread; sizes of the two maps, for hosts and tests that wait for a store to drain.
     std::size_t tunnelCount() const;

@@ -458,6 +458,17 @@ TEST_F(Tunnels, HangingTargetDelaysNoOtherConnectionAndShutdownAbandonsIt) {
     EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(200)) << "a hanging target held another connection";
     close(client);
 
+    // Under ConnectTimeout the hanging connect ends on the limit, with a failed connect's line.
+    corvane_test::LogCapture log("WARN");
+    const std::string hanging = "tcp://127.0.0.1:" + std::to_string(slowPort);
+    start = Clock::now();
+    int limited = connectTo(
+        portOf(store->startTunnel("tcp://127.0.0.1:0", "", hanging.c_str(), "ConnectTimeout=200")->getLocalURI()));
+    EXPECT_TRUE(seesEnd(limited));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(150)) << "ended before the limit";
+    close(limited);
+    EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread", "exception caught:while connecting to " + hanging), 1u);
+
     start = Clock::now();
     store->shutdown();
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << "shutdown waited for a hanging connect";
