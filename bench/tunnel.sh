@@ -6,6 +6,7 @@
 #   CORVANE      the corvane binary (default build/tools/corvane/corvane)
 #   TUNNELBENCH  the peer and client program (default: bench/tunnelbench beside corvane's build)
 #   REPEAT       repetitions of each figure (default 5)
+#   THREADS      corvane's reactors (default 1, as haproxy's one thread here: the same means)
 set -euo pipefail
 
 CORVANE=${CORVANE:-build/tools/corvane/corvane}
@@ -29,7 +30,7 @@ pids+=($!)
 wait_for test -s "$work/server"
 server_port=$(head -n1 "$work/server")
 
-"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$server_port" >"$work/corvane" &
+"$CORVANE" tunnel tcp://127.0.0.1 "tcp://127.0.0.1:$server_port" --threads "${THREADS:-1}" >"$work/corvane" &
 pids+=($!)
 corvane_pids=$!
 wait_for grep -q '^listening on ' "$work/corvane"
