@@ -1,5 +1,6 @@
 #include "socketio/socketfunctions.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -310,6 +311,11 @@ net::URI SocketPeerURI(unsigned int socket, const char * scheme) {
         throw SocketException("getpeername");
     }
     return net::URI::FromSockAddr(reinterpret_cast<sockaddr *>(&address), length, true, scheme);
+}
+
+bool IsAddressLiteral(const char * host) {
+    unsigned char address[sizeof(in6_addr)];
+    return host != nullptr && (inet_pton(AF_INET, host, address) == 1 || inet_pton(AF_INET6, host, address) == 1);
 }
 
 std::string SocketPeerAddress(unsigned int socket) {

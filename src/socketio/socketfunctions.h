@@ -51,6 +51,9 @@ void ShedConnectionWithSpareDescriptor(unsigned int listenSocket);
 net::URI SocketLocalURI(unsigned int socket, bool unmapIPv4, const char * scheme);
 net::URI SocketPeerURI(unsigned int socket, const char * scheme);
 
+// Whether `host` is an IPv4 or IPv6 address (no name to resolve).
+bool IsAddressLiteral(const char * host);
+
 // "host:port" of the peer, numeric, with IPv4-mapped addresses as plain IPv4; for log lines.
 std::string SocketPeerAddress(unsigned int socket);
 

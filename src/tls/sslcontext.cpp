@@ -1,6 +1,5 @@
 #include "tls/sslcontext.h"
 
-#include <arpa/inet.h>
 #include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -19,6 +18,7 @@
 
 #include "common/logging.h"
 #include "net/optionmap.h"
+#include "socketio/socketfunctions.h"
 #include "tls/sslexception.h"
 #include "tls/toolsinternalexception.h"
 
@@ -395,13 +395,6 @@ int SSLContext::verifyCallback(int preverifyOk, X509_STORE_CTX * storeContext) {
     return 0;
 }
 
-namespace {
-bool IsAddressLiteral(const char * host) {
-    unsigned char address[sizeof(in6_addr)];
-    return host != nullptr && (inet_pton(AF_INET, host, address) == 1 || inet_pton(AF_INET6, host, address) == 1);
-}
-}  // namespace
-
 void SSLContext::validateCertificates(SSL * ssl, const char * hostName) {
     LOG4CXX_INFO(logger, "validateCertificates( " << static_cast<const void *>(ssl) << ", '"
                                                  << (hostName != nullptr ? hostName : "") << "')");
@@ -414,7 +407,7 @@ void SSLContext::validateCertificates(SSL * ssl, const char * hostName) {
     }
     // An address is judged by the certificate's IP address entries, a name by its DNS names.
     // Only a clear "no" fails: the error results -1 and -2 of X509_check_host(3) pass.
-    const int match = IsAddressLiteral(hostName) ? X509_check_ip_asc(certificate, hostName, 0)
+    const int match = socketio::IsAddressLiteral(hostName) ? X509_check_ip_asc(certificate, hostName, 0)
                                                  : X509_check_host(certificate, hostName, 0, 0, nullptr);
     X509_free(certificate);
     if (match == 0) {

@@ -1,6 +1,5 @@
 #include "tunnel/directconnect.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,11 +25,6 @@ namespace {
 const log4cxx::LoggerPtr creatorLogger = Common::GetLogger("corvane.net.TunnelCreatorThread");
 const log4cxx::LoggerPtr tcpLogger = Common::GetLogger("corvane.tcp.TCPTransportProtocol");
 const log4cxx::LoggerPtr storeLogger = Common::GetLogger("corvane.net.TunnelStore");
-
-bool IsAddress(const std::string & host) {
-    unsigned char buffer[sizeof(in6_addr)];
-    return inet_pton(AF_INET, host.c_str(), buffer) == 1 || inet_pton(AF_INET6, host.c_str(), buffer) == 1;
-}
 }  // namespace
 
 std::shared_ptr<const DirectConnect::Target> DirectConnect::TargetOf(IChannelEndpoint * endpoint,
@@ -49,7 +43,7 @@ std::shared_ptr<const DirectConnect::Target> DirectConnect::TargetOf(IChannelEnd
         target->uri = fixed->uri();
         target->options = fixed->options();
         target->parsed = URI::FromString(target->uri);
-        if (target->parsed.getScheme() != "tcp" || !IsAddress(target->parsed.getHost())) {
+        if (target->parsed.getScheme() != "tcp" || !socketio::IsAddressLiteral(target->parsed.getHost().c_str())) {
             return nullptr;
         }
         OptionMap options;
@@ -171,12 +165,10 @@ bool DirectConnect::onEvents(const short & events, const std::uint64_t & now) no
         return true;
     }
     if (error != 0) {
+        // The text and the WARN line that a failed SocketConnect gives.
         errno = error;
-        try {
-            throw socketio::InternalException(("while connecting to " + m_target->parsed.ToString()).c_str(), true);
-        } catch (const std::exception & e) {
-            failed(e.what());
-        }
+        const socketio::InternalException failure(("while connecting to " + m_target->parsed.ToString()).c_str(), true);
+        failed(failure.what());
         return false;
     }
     connected();

@@ -136,6 +136,12 @@ while True:
     for a, b in ((client, upstream), (upstream, client)):
         threading.Thread(target=pump, args=(a, b), daemon=True).start()
 PY
+gate_holds() {  # gate_holds PORT N: waits up to 20 s for N established connections to the gate
+    for _ in $(seq 200); do
+        [ "$(ss -Htn state established "( dport = :$1 )" | wc -l)" -ge "$2" ] && return 0; sleep 0.1
+    done
+    return 1
+}
 start_gate() {  # start_gate NAME HOLD TARGET: its port lands in $tmp/NAME.port
     python3 "$tmp/gate.py" "$2" "$3" > "$tmp/$1.port" 2> /dev/null & pids+=($!)
     for _ in $(seq 50); do [ -s "$tmp/$1.port" ] && break; sleep 0.1; done
@@ -153,10 +159,7 @@ next_client_served() {  # next_client_served SCHEME ECHO_PORT
     for _ in $(seq 20); do sleep 30 | socat -u - "TCP:127.0.0.1:$port" 2>/dev/null & clients+=($!); done
     # The gate must hold its 16 before the served client comes: under a sanitizer the workers'
     # connects reach it seconds after the accepts, in any order.
-    local gate; gate=$(cat "$tmp/gate_$1.port")
-    for _ in $(seq 200); do
-        [ "$(ss -Htn state established "( dport = :$gate )" | wc -l)" -ge 16 ] && break; sleep 0.1
-    done
+    gate_holds "$(cat "$tmp/gate_$1.port")" 16
     # The client keeps its side open (a half-close would end a WebSocket pair at once) until
     # the echo comes, for 20 s at most: a sanitizer's build is slow to make 16 TLS contexts.
     local answer; answer=$(timeout 25 python3 -c '
@@ -196,10 +199,7 @@ stops_promptly() {  # stops_promptly SCHEME
     for _ in $(seq 4); do sleep 30 | socat -u - "TCP:127.0.0.1:$port" 2>/dev/null & clients+=($!); done
     # The stop is timed once all four hang in their handshakes: a sanitizer's build takes a
     # while to make the TLS context before it connects, and no stop cuts that short.
-    local gate; gate=$(cat "$tmp/silent_$1.port")
-    for _ in $(seq 200); do
-        [ "$(ss -Htn state established "( dport = :$gate )" | wc -l)" -ge 4 ] && break; sleep 0.1
-    done
+    gate_holds "$(cat "$tmp/silent_$1.port")" 4
     local start=$SECONDS status
     kill -TERM "$tunnel"; wait "$tunnel"; status=$?
     kill "${clients[@]}" 2>/dev/null

@@ -121,6 +121,16 @@ protected:
     bool drained() {
         return waitFor([this] { return store->tunnelCount() == 0; });
     }
+    // A new client through `port` reaches `target` with `text`; both ends are closed after.
+    void expectCarried(unsigned short port, RawTarget & target, const std::string & text) {
+        int client = connectTo(port);
+        int server = target.acceptWithin();
+        ASSERT_GE(server, 0);
+        ASSERT_TRUE(sendAll(client, text));
+        EXPECT_EQ(recvExact(server, text.size()), text);
+        close(client);
+        close(server);
+    }
 
     Common::SmartPtr<net::TunnelStore> store;
 };
@@ -233,13 +243,7 @@ TEST_F(Tunnels, ConnectionEndLineCountsEachDirectionAndNamesWhoEndedIt) {
     EXPECT_EQ(log.countContaining("corvane.net.TunnelCreatorThread",
                                   "while creating a connection on behalf of '{TunnelEndPoint, tcp://127.0.0.1:"), 1u);
     // The refusal costs the next client nothing.
-    int client = connectTo(port);
-    int server = target.acceptWithin();
-    ASSERT_GE(server, 0);
-    ASSERT_TRUE(sendAll(client, "after the refusal"));
-    EXPECT_EQ(recvExact(server, 17), "after the refusal");
-    close(client);
-    close(server);
+    expectCarried(port, target, "after the refusal");
     EXPECT_TRUE(drained());
 }
 
@@ -417,13 +421,7 @@ TEST_F(Tunnels, AcceptedChannelRefusedAtTheLimitLeavesNoOutgoingConnectionAndNoE
     // With room again for both channels of a tunnel, the next client is served.
     reactor->unregisterSubscriber(fillers[0].get());
     reactor->unregisterSubscriber(fillers[1].get());
-    client = connectTo(port);
-    int server = target.acceptWithin();
-    ASSERT_GE(server, 0);
-    ASSERT_TRUE(sendAll(client, "ping"));
-    EXPECT_EQ(recvExact(server, 4), "ping");
-    close(client);
-    close(server);
+    expectCarried(port, target, "ping");
     EXPECT_TRUE(drained());
     for (auto & filler : fillers) {
         reactor->unregisterSubscriber(filler.get());
